@@ -1,0 +1,8 @@
+# SANITIZE=ON builds everything with AddressSanitizer and UndefinedBehaviorSanitizer.
+option(SANITIZE "Build with AddressSanitizer and UndefinedBehaviorSanitizer" OFF)
+if(SANITIZE)
+  # Not vptr: that check looks at memory through pipe(2) and write(2), which tests make fail.
+  add_compile_options(-fsanitize=address,undefined -fno-sanitize=vptr -fno-sanitize-recover=all
+    -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=address,undefined)
+endif()

@@ -1,0 +1,110 @@
+#include "tests/support/SystemCalls.h"
+
+#include <cerrno>
+#include <cstddef>
+#include <cstdio>
+#include <sys/types.h>
+#include <sys/wait.h>
+
+namespace support {
+
+SystemCalls& SystemCalls::Instance() {
+  static SystemCalls calls;
+  return calls;
+}
+
+void SystemCalls::Reset() {
+  calls_.clear();
+  failures_.clear();
+  onCall = nullptr;
+}
+
+std::vector<std::string> SystemCalls::CallsOf(const std::string& name) const {
+  std::vector<std::string> chosen;
+  for (const auto& call : calls_) {
+    if (call == name || call.rfind(name + " ", 0) == 0) {
+      chosen.push_back(call);
+    }
+  }
+  return chosen;
+}
+
+bool SystemCalls::MustFail(const char* name) {
+  if (failures_.empty()) {
+    return false;
+  }
+  const auto entry = failures_.find(name);
+  if (entry == failures_.end() || entry->second.passing-- > 0) {
+    return false;
+  }
+  const bool failing = entry->second.failing-- > 0;
+  if (failing) {
+    errno = entry->second.error;
+  } else {
+    failures_.erase(entry);
+  }
+  return failing;
+}
+
+namespace {
+
+bool RecordedFailure(const char* name, const std::string& arguments = "") {
+  SystemCalls::Instance().Record(name + arguments);
+  return SystemCalls::Instance().MustFail(name);
+}
+
+}  // namespace
+
+}  // namespace support
+
+// The linker sends every call of NAME to __wrap_NAME, and __real_NAME to the real one.
+extern "C" {
+
+int __real_kill(pid_t process, int signal);
+pid_t __real_waitpid(pid_t process, int* status, int options);
+int __real_waitid(idtype_t type, id_t id, siginfo_t* info, int options);
+unsigned __real_sleep(unsigned seconds);
+pid_t __real_fork();
+int __real_pipe2(int* ends, int flags);
+FILE* __real_fdopen(int descriptor, const char* mode);
+void* __real_malloc(std::size_t size);
+
+int __wrap_kill(pid_t process, int signal) {
+  const auto arguments = " " + std::to_string(process) + " " + std::to_string(signal);
+  return support::RecordedFailure("kill", arguments) ? -1 : __real_kill(process, signal);
+}
+
+pid_t __wrap_waitpid(pid_t process, int* status, int options) {
+  const auto arguments = " " + std::to_string(process) + " " + std::to_string(options);
+  return support::RecordedFailure("waitpid", arguments) ? -1
+                                                        : __real_waitpid(process, status, options);
+}
+
+int __wrap_waitid(idtype_t type, id_t id, siginfo_t* info, int options) {
+  return support::RecordedFailure("waitid", " " + std::to_string(id))
+             ? -1
+             : __real_waitid(type, id, info, options);
+}
+
+unsigned __wrap_sleep(unsigned seconds) {
+  support::RecordedFailure("sleep", " " + std::to_string(seconds));
+  return __real_sleep(seconds);
+}
+
+pid_t __wrap_fork() {
+  return support::RecordedFailure("fork") ? -1 : __real_fork();
+}
+
+int __wrap_pipe2(int* ends, int flags) {
+  return support::RecordedFailure("pipe2") ? -1 : __real_pipe2(ends, flags);
+}
+
+FILE* __wrap_fdopen(int descriptor, const char* mode) {
+  return support::RecordedFailure("fdopen") ? nullptr : __real_fdopen(descriptor, mode);
+}
+
+void* __wrap_malloc(std::size_t size) {
+  return support::SystemCalls::Instance().MustFail("malloc") ? nullptr : __real_malloc(size);
+}
+
+}  // extern "C"

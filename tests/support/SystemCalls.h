@@ -1,0 +1,57 @@
+#pragma once
+
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace support {
+
+/**
+ * Stands between the code under test and some system calls: records them, and makes them fail when
+ * the test says so. Otherwise the real ones run. Calls made by libraries do not come through here.
+ * One for the process; the fixture resets it.
+ *
+ * Covered: kill, waitpid, waitid, sleep, fork, pipe2, fdopen, malloc (which is not recorded).
+ */
+class SystemCalls {
+ public:
+  static SystemCalls& Instance();
+
+  void Reset();
+
+  /** The calls of this process in order: name and numeric arguments, separated by blanks. */
+  const std::vector<std::string>& Calls() const { return calls_; }
+  /** The calls of one name. */
+  std::vector<std::string> CallsOf(const std::string& name) const;
+  void Forget() { calls_.clear(); }
+
+  /** Let the next calls of a name pass and then fail some with an errno value. */
+  void Fail(const std::string& name, int error, int passing = 0, int failing = 1) {
+    failures_[name] = {passing, failing, error};
+  }
+
+  /** Called with the text of every call before it is made. */
+  std::function<void(const std::string&)> onCall;
+
+  // Called by the covered functions.
+  void Record(const std::string& call) {
+    calls_.push_back(call);
+    if (onCall) {
+      onCall(call);
+    }
+  }
+  bool MustFail(const char* name);
+
+ private:
+  struct Failure {
+    int passing;
+    int failing;
+    int error;
+  };
+
+  std::vector<std::string> calls_;
+  std::map<std::string, Failure> failures_;
+};
+
+}  // namespace support

@@ -1,0 +1,102 @@
+#include "featurehost/src/Foreground.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <fcntl.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "featurehost/src/HostError.h"
+#include "featurehost/src/ProcessGuard.h"
+#include "featurehost/src/StopSignal.h"
+#include "featurehost/src/Text.h"
+
+namespace featurehost {
+
+namespace {
+
+bool IsIgnored(int number) {
+  struct sigaction action {};
+  sigaction(number, nullptr, &action);
+  return action.sa_handler == SIG_IGN;
+}
+
+/** What the front waits for. What the caller had us ignore (nohup) stays ignored. */
+sigset_t FrontSignals() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGCHLD);
+  sigaddset(&signals, SIGTERM);
+  for (const int number : {SIGINT, SIGHUP}) {
+    if (!IsIgnored(number)) {
+      sigaddset(&signals, number);
+    }
+  }
+  return signals;
+}
+
+void EnsureChildrenCanBeAwaited() {
+  // Inherited as ignored, nobody's children could be waited for, neither ours nor the module's.
+  if (IsIgnored(SIGCHLD)) {
+    struct sigaction action {};
+    action.sa_handler = SIG_DFL;
+    sigaction(SIGCHLD, &action, nullptr);
+  }
+}
+
+[[noreturn]] void Work(const std::function<int()>& work, pid_t front, const sigset_t& mask) {
+  AdoptProcess();
+  setsid();
+  HoldStopSignals();
+  prctl(PR_SET_PDEATHSIG, kStopSignal);
+  if (getppid() != front) {
+    _exit(static_cast<int>(ExitCode::kAborted));
+  }
+  // A tool that asks a question gets an end of file instead of waiting for an answer for ever.
+  const int nothing = open("/dev/null", O_RDWR | O_CLOEXEC);
+  dup2(nothing, STDIN_FILENO);
+  close(nothing);
+  pthread_sigmask(SIG_SETMASK, &mask, nullptr);
+  std::exit(work());  // NOLINT(concurrency-mt-unsafe): there is one thread
+}
+
+int WaitAndRelay(pid_t child, const sigset_t& signals, const FrontDuties& duties) {
+  int status = 0;
+  while (waitpid(child, &status, WNOHANG) != child) {
+    const int number = sigwaitinfo(&signals, nullptr);
+    if (number > 0 && number != SIGCHLD) {
+      duties.relayed();
+      kill(child, kStopSignal);
+    }
+  }
+  return status;
+}
+
+}  // namespace
+
+int DoBehindForeground(const std::function<int()>& work, const FrontDuties& duties) {
+  EnsureChildrenCanBeAwaited();
+  const sigset_t signals = FrontSignals();
+  sigset_t blocked = signals;
+  // Ctrl-Z would stop the front alone and leave an update running that seems to be stopped.
+  sigaddset(&blocked, SIGTSTP);
+  sigset_t before;
+  pthread_sigmask(SIG_BLOCK, &blocked, &before);
+
+  const pid_t front = getpid();
+  const pid_t child = fork();
+  if (child == 0) {
+    Work(work, front, before);
+  }
+  if (child == -1) {
+    throw HostError(ExitCode::kModuleNotLoaded,
+                    "cannot start a process for the update: " + ErrorText(errno));
+  }
+  const int status = WaitAndRelay(child, signals, duties);
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : duties.crashed(WTERMSIG(status));
+}
+
+}  // namespace featurehost

@@ -1,0 +1,29 @@
+#pragma once
+
+#include <functional>
+
+namespace featurehost {
+
+/** What the front does besides waiting. */
+struct FrontDuties {
+  /** The user wants to stop. */
+  std::function<void()> relayed;
+  /** The work was ended by a signal; the result is the exit code. */
+  std::function<int(int signal)> crashed;
+};
+
+/**
+ * Do the work in a child process with a session of its own, while this process stays in front of
+ * the user: it hands SIGINT, SIGTERM and SIGHUP on to the child as the stop signal and waits.
+ *
+ * Ctrl-C goes to everything that the terminal has in its foreground. It would kill the tools of a
+ * running update before the module could stop them, and a killed command counts as done. And
+ * system(3) makes its process ignore SIGINT, so that the host itself would miss it.
+ *
+ * When the front is gone, the child gets the stop signal as well.
+ *
+ * @param work  runs in the child; its result is the child's exit code, and this function's.
+ */
+int DoBehindForeground(const std::function<int()>& work, const FrontDuties& duties);
+
+}  // namespace featurehost

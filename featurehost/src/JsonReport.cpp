@@ -1,0 +1,63 @@
+#include "featurehost/src/JsonReport.h"
+
+#include <map>
+#include <nlohmann/json.hpp>
+#include <utility>
+
+namespace featurehost {
+
+namespace {
+
+const std::map<TUint32, std::string> kEventNames = {
+    {EUserEventFeatureCreated, "feature_created"}, {EUserEventControllerPrepare, "prepare"},
+    {EUserEventPrepareResult, "prepare_result"},   {EUserEventControllerInstall, "install"},
+    {EUserEventInstallResult, "install_result"},   {EUserEventInstallProgress, "install_progress"},
+    {EUserEventControllerAbort, "abort"},          {EUserEventAbortResult, "abort_result"},
+};
+
+// Ids and paths are bytes; what is not UTF-8 is replaced, so that every line can be parsed.
+std::string Line(const nlohmann::ordered_json& object) {
+  return object.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";
+}
+
+}  // namespace
+
+JsonReport::JsonReport(Output& output, std::string featureId)
+    : output_(output), featureId_(std::move(featureId)) {}
+
+void JsonReport::Event(const RunEvent& event) {
+  nlohmann::ordered_json object;
+  object["event"] = kEventNames.at(event.code);
+  object["code"] = event.code;
+  object["feature"] = event.feature;
+  if (event.percent.has_value()) {
+    object["percent"] = *event.percent;
+  }
+  if (event.success.has_value()) {
+    object["success"] = *event.success;
+  }
+  object["elapsed_ms"] = event.elapsed.count();
+  output_.Write(Line(object));
+}
+
+void JsonReport::LeftBehind(const std::vector<LeftOver>& leftOvers) {
+  nlohmann::ordered_json object;
+  object["event"] = "left_behind";
+  object["feature"] = featureId_;
+  object["items"] = nlohmann::ordered_json::array();
+  for (const LeftOver& leftOver : leftOvers) {
+    object["items"].push_back({{"kind", KindName(leftOver.kind)},
+                               {"what", leftOver.what},
+                               {"cleaned", leftOver.cleaned},
+                               {"done", leftOver.done}});
+  }
+  output_.Write(Line(object));
+}
+
+void JsonReport::Result(const Outcome& outcome) {
+  if (outcome.last.has_value()) {
+    Event(*outcome.last);
+  }
+}
+
+}  // namespace featurehost

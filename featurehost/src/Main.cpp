@@ -1,0 +1,68 @@
+#include <exception>
+#include <fcntl.h>
+#include <iostream>
+#include <unistd.h>
+
+#include "featurehost/src/CommandLine.h"
+#include "featurehost/src/Configuration.h"
+#include "featurehost/src/HostError.h"
+#include "featurehost/src/Log.h"
+#include "featurehost/src/Module.h"
+#include "featurehost/src/Run.h"
+#include "featurehost/src/Text.h"
+
+namespace {
+
+using featurehost::ExitCode;
+using featurehost::HostError;
+using featurehost::Options;
+
+/** Started without standard streams, the first files we open must not take their place. */
+void FillStandardStreams() {
+  for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    if (fcntl(stream, F_GETFD) == -1) {
+      open("/dev/null", O_RDWR);  // the lowest free number, which is this one
+    }
+  }
+}
+
+ExitCode PrintType(const Options& options) {
+  const featurehost::Module module(options.module);
+  std::cout << featurehost::OneLine(module.Type()) << std::endl;
+  return ExitCode::kSuccess;
+}
+
+ExitCode RunUpdate(const Options& options) {
+  const auto configuration = featurehost::Configuration::Load(options.configuration);
+  const TFeatureId& featureId = configuration.Choose(options.feature);
+  const auto goal = options.command == Options::Command::kInstall ? featurehost::Goal::kInstall
+                                                                  : featurehost::Goal::kPrepare;
+  return featurehost::Run(
+      {goal, options.module, featureId, configuration.Of(featureId), options.json, options.quiet});
+}
+
+ExitCode Obey(const Options& options) {
+  auto& log = featurehost::Log::Instance();
+  log.SetLevel(options.logLevel);
+  log.SetQuiet(options.quiet);
+  if (!options.logFile.empty()) {
+    log.OpenFile(options.logFile);
+  }
+  return options.command == Options::Command::kType ? PrintType(options) : RunUpdate(options);
+}
+
+}  // namespace
+
+int main(int count, char** arguments) {
+  FillStandardStreams();
+  try {
+    const auto options = featurehost::ParseCommandLine(count, arguments);
+    return static_cast<int>(options.has_value() ? Obey(*options) : ExitCode::kSuccess);
+  } catch (const HostError& error) {
+    std::cerr << "featurehost: " << error.what() << std::endl;
+    return static_cast<int>(error.Code());
+  } catch (const std::exception& error) {
+    std::cerr << "featurehost: " << featurehost::OneLine(error.what()) << std::endl;
+    return static_cast<int>(ExitCode::kUsage);
+  }
+}

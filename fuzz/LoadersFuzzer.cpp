@@ -90,7 +90,10 @@ class Host {
       }
     }
     controller_.reset();
-    fuzz::Require(broker_.Subscriptions().empty(), "a subscription is left");
+    for (const auto& left : broker_.Subscriptions()) {
+      fuzz::Fail("a subscription is left: type " + std::to_string(left.filter.iType) + ", code " +
+                 std::to_string(left.filter.iCode));
+    }
   }
 
  private:

@@ -1,17 +1,25 @@
 #include "tests/model/Surroundings.h"
 
+#include <algorithm>
+
 namespace model {
 
 namespace {
 
-std::string Hex(const std::string& bytes) {
-  static const char* const digits = "0123456789abcdef";
+/** Every byte: printable ones as they are, others in braces, with how often they follow each other.
+ */
+std::string Readable(const std::string& bytes) {
   std::string text;
-  text.reserve(2 * bytes.size());
-  for (const char byte : bytes) {
-    const auto value = static_cast<unsigned char>(byte);
-    text += digits[value / 16];
-    text += digits[value % 16];
+  for (std::size_t at = 0; at < bytes.size();) {
+    const char byte = bytes[at];
+    const auto end = std::min(bytes.find_first_not_of(byte, at), bytes.size());
+    if (byte >= ' ' && byte <= '~' && byte != '{') {
+      text += std::string(end - at, byte);
+    } else {
+      text += "{" + std::to_string(static_cast<unsigned char>(byte)) + " x" +
+              std::to_string(end - at) + "}";
+    }
+    at = end;
   }
   return text;
 }
@@ -91,7 +99,7 @@ void Surroundings::Unsubscribe(std::size_t record, std::uint32_t type, std::uint
 }
 
 void Surroundings::Post(std::uint32_t type, std::uint32_t code, const std::string& payload) {
-  Note("post " + std::to_string(type) + "/" + std::to_string(code) + " " + Hex(payload));
+  Note("post " + std::to_string(type) + "/" + std::to_string(code) + " " + Readable(payload));
   // Creation posts too, before anybody can answer.
   if (scenario_.deliversAtOnce && subject_ != nullptr) {
     React();

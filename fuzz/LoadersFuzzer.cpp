@@ -173,6 +173,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   FuzzedDataProvider input(data, size);
   fuzz::FakeSystem system(input);
+  if (input.ConsumeBool()) {
+    system.WriteSteadily(input.ConsumeIntegralInRange<std::size_t>(0, 4 << 20));
+  }
   Host(input).Run();
   return 0;
 }

@@ -137,7 +137,7 @@ int FakeSystem::WaitId(id_t process, siginfo_t* info, int options) {
     // Waited for are only children that were told to stop after their next write.
     for (auto& channel : channels_) {
       if (channel->users.count(static_cast<pid_t>(process)) != 0) {
-        WriteSome(*channel, kMostAtOnce);
+        WriteSome(*channel);
       }
     }
     child->state = Child::State::kStopped;
@@ -265,10 +265,10 @@ void FakeSystem::BeforePoll(int descriptor) {
   if (RunningUser(*channel, process) == nullptr) {
     return;
   }
-  if (input_.remaining_bytes() == 0 || RarelyTrue()) {
+  if (steadyBytes_ == 0 && (input_.remaining_bytes() == 0 || RarelyTrue())) {
     End(process, AnyStatus());
   } else {
-    WriteSome(*channel, kMostAtOnce);
+    WriteSome(*channel);
   }
 }
 
@@ -338,16 +338,19 @@ FakeSystem::Child* FakeSystem::RunningUser(const Channel& channel, pid_t& proces
   return nullptr;
 }
 
-void FakeSystem::WriteSome(const Channel& channel, std::size_t most) {
+void FakeSystem::WriteSome(const Channel& channel) {
   if (channel.childWriter == -1) {
     return;
   }
-  const std::size_t sizes[] = {most, 4096, 1, 100, 5000};
-  std::string data(std::min(most, input_.PickValueInArray(sizes)), '\0');
-  if (RarelyTrue()) {
+  const std::size_t sizes[] = {kMostAtOnce, 4096, 1, 100, 5000};
+  const bool steady = steadyBytes_ > 0;
+  std::string data(steady ? std::min(kMostAtOnce, steadyBytes_) : input_.PickValueInArray(sizes),
+                   '\0');
+  if (!steady && RarelyTrue()) {
     data.back() = 'x';
   }
-  static_cast<void>(__real_write(channel.childWriter, data.data(), data.size()));
+  const ssize_t count = __real_write(channel.childWriter, data.data(), data.size());
+  steadyBytes_ -= steady && count > 0 ? static_cast<std::size_t>(count) : 0;
 }
 
 void FakeSystem::WriteToAll(pid_t process, const std::string& text) {

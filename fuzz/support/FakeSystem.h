@@ -48,6 +48,9 @@ class FakeSystem {
   /** What a child answers to SIGUSR1; invented when there is none. */
   std::function<std::string()> answer;
 
+  /** Let the children write so many zeros first, as fast as they are read. */
+  void WriteSteadily(std::size_t bytes) { steadyBytes_ = bytes; }
+
   // The host's file utilities.
   bool Exists(const std::string& path);
   bool Chance();
@@ -84,7 +87,7 @@ class FakeSystem {
   Child* Find(pid_t process);
   Child* RunningUser(const Channel& channel, pid_t& process);
   bool RarelyTrue();
-  void WriteSome(const Channel& channel, std::size_t most);
+  void WriteSome(const Channel& channel);
   void WriteToAll(pid_t process, const std::string& text);
   void End(pid_t process, int status);
   int AnyStatus();
@@ -96,6 +99,7 @@ class FakeSystem {
   std::set<int> descriptors_;  // opened by name
   std::map<FILE*, std::unique_ptr<std::string>> open_;
   pid_t nextProcess_;
+  std::size_t steadyBytes_ = 0;
 };
 
 }  // namespace fuzz

@@ -35,7 +35,7 @@ class HostTestCase(unittest.TestCase):
     def setUp(self):
         self.folder = pathlib.Path(tempfile.mkdtemp(prefix="featurehost-"))
         self.addCleanup(shutil.rmtree, self.folder)
-        self.environment = dict(os.environ)
+        self.environment = dict(os.environ, FEATUREHOST_RUN_DIR=str(self.folder / "runs"))
         self.children_before = children()
 
     def tearDown(self):
@@ -317,7 +317,7 @@ class BadInput(HostTestCase):
         self.assert_refused(self.run_host("install", path, "--feature", ""), USAGE, "empty")
 
     def test_command_line(self):
-        self.assert_refused(self.run_host(), USAGE, "install, prepare or type")
+        self.assert_refused(self.run_host(), USAGE, "install, prepare, type or cleanup")
         self.assert_refused(self.run_host("install"), USAGE, "CONFIG", "--help")
         self.assert_refused(self.run_host("remove", "x"), USAGE, "remove")
         self.assert_refused(self.run_host("install", "x", "--fast"), USAGE, "--fast")
@@ -632,11 +632,13 @@ class LeftMounts(HostTestCase):
     def run_apart(self, before="", **properties):
         """Run in the namespace, after a shell line; keeps what is mounted then."""
         self.configuration({"end": "success", **properties})
+        self.environment["FEATUREHOST_RUN_DIR"] = "runs"  # reached also when /tmp is another one
         result = subprocess.run(
             ["unshare", *self.namespace(), "sh", "-c",
              before + '"$@"; code=$?; cat /proc/self/mountinfo > mounts; exit $code',
              "sh", HOST, "install", "update.toml", "--module", module("Leaver")],
-            cwd=self.folder, capture_output=True, check=False, timeout=TIME_LIMIT, text=True)
+            cwd=self.folder, env=self.environment, capture_output=True, check=False,
+            timeout=TIME_LIMIT, text=True)
         self.mounts = (self.folder / "mounts").read_text()
         return Result(result.returncode, result.stdout, result.stderr)
 

@@ -25,6 +25,12 @@ std::vector<KilledRun> KilledRuns();
 /** One line that says what is left of a killed install, and what to do about it. */
 std::string Describe(const KilledRun& run);
 
+/**
+ * What speaks against an install on these, one line for each: installs that are at work on a target
+ * or a mount point of them, and what any killed install has left behind.
+ */
+std::vector<std::string> ObjectionsOfOtherRuns(const RunScope& scope);
+
 /** Whether the install that the note is of has ended without cleaning up. */
 bool IsKilled(const RunNote& note);
 
@@ -49,7 +55,7 @@ std::vector<RunNote> RunningInstalls();
  */
 void RefuseBesideRunningInstall(const RunScope& scope);
 
-/** As RefuseBesideRunningInstall, and also when something is left of a killed install. */
+/** Throws HostError (usage) with the first of the ObjectionsOfOtherRuns, if there is one. */
 void RefuseBesideOtherRuns(const RunScope& scope);
 
 }  // namespace featurehost

@@ -59,6 +59,19 @@ std::string Objection(const std::string& path, int access) {
   return faccessat(AT_FDCWD, path.c_str(), access, AT_EACCESS) == 0 ? "" : ErrorText(errno);
 }
 
+int WriteFile(const std::string& path, const std::string& text) {
+  const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kFileMode);
+  if (file == -1) {
+    return errno;
+  }
+  int error = WriteAll(file, text);
+  if (error == 0 && fsync(file) != 0) {
+    error = errno;
+  }
+  close(file);
+  return error;
+}
+
 int SyncFolder(const std::string& path) {
   const int folder = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (folder == -1) {
@@ -145,7 +158,7 @@ std::vector<std::string> RunFolder::Rubbish() const {
 
 int RunFolder::Write(const RunNote& note) const {
   const std::string temporary = FileOf(note) + kTemporarySuffix;
-  int error = WriteUnder(temporary, ToText(note));
+  int error = WriteFile(temporary, ToText(note));
   if (error == 0 && rename(temporary.c_str(), FileOf(note).c_str()) != 0) {
     error = errno;
   }
@@ -162,19 +175,6 @@ int RunFolder::Remove(const RunNote& note) const {
 
 std::string RunFolder::FileOf(const RunNote& note) const {
   return path_ + "/" + note.id + kSuffix;
-}
-
-int RunFolder::WriteUnder(const std::string& temporary, const std::string& text) const {
-  const int file = open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kFileMode);
-  if (file == -1) {
-    return errno;
-  }
-  int error = WriteAll(file, text);
-  if (error == 0 && fsync(file) != 0) {
-    error = errno;
-  }
-  close(file);
-  return error;
 }
 
 }  // namespace featurehost

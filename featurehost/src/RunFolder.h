@@ -51,7 +51,6 @@ class RunFolder {
   explicit RunFolder(std::string path) : path_(std::move(path)) {}
 
   std::string FileOf(const RunNote& note) const;
-  int WriteUnder(const std::string& temporary, const std::string& text) const;
 
   std::string path_;
 };

@@ -53,6 +53,24 @@ std::vector<LeftOver> EndProcesses(const RunNote& note) {
   return found;
 }
 
+std::vector<std::string> ObjectionsOfRunningInstalls(const RunScope& scope) {
+  std::vector<std::string> objections;
+  for (const RunNote& note : RunningInstalls()) {
+    if (note.scope.Meets(scope)) {
+      objections.push_back("process " + std::to_string(RunningProcess(note).value_or(0)) +
+                           " is installing feature '" + OneLine(note.feature) +
+                           "' on the same targets; wait for its end, or stop it");
+    }
+  }
+  return objections;
+}
+
+void RefuseFor(const std::vector<std::string>& objections) {
+  if (!objections.empty()) {
+    throw HostError(ExitCode::kUsage, objections.front());
+  }
+}
+
 }  // namespace
 
 std::vector<KilledRun> KilledRuns() {
@@ -121,23 +139,20 @@ std::vector<RunNote> RunningInstalls() {
   return running;
 }
 
-void RefuseBesideRunningInstall(const RunScope& scope) {
-  for (const RunNote& note : RunningInstalls()) {
-    if (note.scope.Meets(scope)) {
-      throw HostError(ExitCode::kUsage, "process " +
-                                            std::to_string(RunningProcess(note).value_or(0)) +
-                                            " is installing feature '" + OneLine(note.feature) +
-                                            "' on the same targets; wait for its end, or stop it");
-    }
+std::vector<std::string> ObjectionsOfOtherRuns(const RunScope& scope) {
+  auto objections = ObjectionsOfRunningInstalls(scope);
+  for (const KilledRun& run : KilledRuns()) {
+    objections.push_back(Describe(run));
   }
+  return objections;
+}
+
+void RefuseBesideRunningInstall(const RunScope& scope) {
+  RefuseFor(ObjectionsOfRunningInstalls(scope));
 }
 
 void RefuseBesideOtherRuns(const RunScope& scope) {
-  RefuseBesideRunningInstall(scope);
-  const auto killed = KilledRuns();
-  if (!killed.empty()) {
-    throw HostError(ExitCode::kUsage, Describe(killed.front()));
-  }
+  RefuseFor(ObjectionsOfOtherRuns(scope));
 }
 
 }  // namespace featurehost

@@ -188,10 +188,15 @@ class FileSystemInAFile(KilledUpdateTestCase):
         super().setUp()
         shell(f"truncate -s 4M {self.image} && mkfs.ext2 -q -F {self.image}")
         self.addCleanup(self.image.unlink)
+        self.addCleanup(self.detach_all)
         self.loops_before = loop_devices()
 
     def attached(self):
         return [loop for loop in loop_devices() if loop[1] == str(self.image)]
+
+    def detach_all(self):
+        for name, _ in self.attached():
+            shell(f"losetup --detach /dev/{name}")
 
     def attach_for_good(self):
         """A mount that does not tell the kernel to let go of the loop device after the unmount."""
@@ -232,7 +237,6 @@ exec /bin/mount "$loop" "$last"
 
     def test_loop_device_that_was_there_before_stays(self):
         shell(f"losetup --find {self.image}")
-        self.addCleanup(shell, f"losetup --detach $(losetup -n -O NAME -j {self.image})")
         before = loop_devices()
         self.script("dd", "exit 5")
         self.install()

@@ -128,9 +128,8 @@ TEST_F(ArchiveLoaderToolsTest, APipeOfTheSystemsSizeWillDo) {
     run.Prepare().Install().StepToEnd();
 
     EXPECT_THAT(run.Results(), ElementsAre("Completed 1"));
+    EXPECT_EQ("the end", support::ReadFile(target_ / "last"));
   });
-
-  EXPECT_EQ("the end", support::ReadFile(target_ / "last"));
 }
 
 TEST_F(ArchiveLoaderToolsTest, TheLastPieceIsNotLostWhenTheDecompressorEndsFirst) {

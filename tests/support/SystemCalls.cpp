@@ -67,6 +67,7 @@ unsigned __real_sleep(unsigned seconds);
 pid_t __real_fork();
 int __real_pipe2(int* ends, int flags);
 FILE* __real_fdopen(int descriptor, const char* mode);
+FILE* __real_fopen64(const char* path, const char* mode);
 void* __real_malloc(std::size_t size);
 
 int __wrap_kill(pid_t process, int signal) {
@@ -101,6 +102,11 @@ int __wrap_pipe2(int* ends, int flags) {
 
 FILE* __wrap_fdopen(int descriptor, const char* mode) {
   return support::RecordedFailure("fdopen") ? nullptr : __real_fdopen(descriptor, mode);
+}
+
+// What fopen becomes where files may be large.
+FILE* __wrap_fopen64(const char* path, const char* mode) {
+  return support::SystemCalls::Instance().MustFail("fopen") ? nullptr : __real_fopen64(path, mode);
 }
 
 void* __wrap_malloc(std::size_t size) {

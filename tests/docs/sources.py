@@ -37,11 +37,8 @@ def sources(*folders):
 def split(text, separator):
     """The parts of an expression between separators that stand outside of brackets and strings."""
     parts, depth, part = [], 0, ""
-    for token in re.findall(r'"(?:[^"\\]|\\.)*"|\'(?:[^\'\\]|\\.)+\'|.', text, re.S):
-        if token in "([{" and len(token) == 1:
-            depth += 1
-        elif token in ")]}" and len(token) == 1:
-            depth -= 1
+    for token in re.findall(r'"(?:[^"\\]|\\.)*"|\'(?:[^\'\\]|\\.)+\'|<<|.', text, re.S):
+        depth += {"(": 1, "[": 1, "{": 1, ")": -1, "]": -1, "}": -1}.get(token, 0)
         if token == separator and depth == 0:
             parts.append(part.strip())
             part = ""

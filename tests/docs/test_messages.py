@@ -27,8 +27,19 @@ ELSEWHERE = {
     "SWLInfra/src/FileHandler": {"fileSystem.iLogLine": r'\{"([^"]*)",\s+"[^"]*"'},
 }
 
+# The calls with which featurehost writes a line of its own: the category ("" when the first
+# argument has it), and which arguments are the function's name and the text.
+HOST_FORMS = (
+    (r"\.Host", "", 1, 2),
+    (r"\bSay", "Message", None, 0),
+    (r"throw HostError", "Message", None, 1),
+    (r"\bRefuse", "Message", None, 0),
+    (r"\bFinish", "Message", None, 1),
+)
+
 # What passes on a line that was put together before.
-PASSED_ON = {"line", "OneLine(line)", "outcome.text"}
+PASSED_ON = {"line", "OneLine(line)", "outcome.text", "error.what()",
+             "featurehost::OneLine(error.what())"}
 
 # Fewer than this in the sources means that they were not understood, not that they are so few.
 FEWEST_MODULE_TEXTS = 140
@@ -73,17 +84,15 @@ def host_messages():
     found = set()
     for path in sources.sources(*HOST):
         text, source = sources.read(path), name_of(path)
-        for _, (level, function, message) in sources.calls(text, r"\.Host"):
-            category = level.rpartition("Level::k")[2]
-            for line in host_lines(source, message):
-                found.add((source, category, STRING.fullmatch(function)[1], line))
-        for form, index in ((r"\bSay", 0), (r"throw HostError", 1), (r"\bRefuse", 0),
-                            (r"\bFinish", 1)):
+        for form, category, function, message in HOST_FORMS:
             for _, pieces in sources.calls(text, form):
                 if is_declaration(pieces):
                     continue
-                for line in host_lines(source, pieces[index]):
-                    found.add((source, "Message", "", line))
+                name = "" if function is None else sources.variants(pieces[function], {})[0]
+                for line in host_lines(source, sources.split(pieces[message], "+")):
+                    found.add((source, category or pieces[0].rpartition("Level::k")[2], name, line))
+        for line in lines_on_standard_error(source, text):
+            found.add((source, "Message", "", line))
     return found
 
 
@@ -91,13 +100,24 @@ def is_declaration(pieces):
     return any(piece.startswith(("const std::string&", "ExitCode ")) for piece in pieces)
 
 
-def host_lines(source, message):
-    if message in PASSED_ON:
+def host_lines(source, pieces):
+    if set(pieces) <= PASSED_ON:
         return []
-    lines = sources.messages(sources.split(message, "+"), {})
+    lines = sources.messages(pieces, {})
     if ANY in lines:
-        raise NotUnderstood(f"{source}: nothing is fixed in {message}")
+        raise NotUnderstood(f"{source}: nothing is fixed in {' '.join(pieces)}")
     return lines
+
+
+def lines_on_standard_error(source, text):
+    """What is written to standard error without one of the calls above."""
+    begin = '"featurehost: "'
+    for statement in re.findall(r"\bstd::cerr\s*<<(.*?);", text, re.S):
+        pieces = [piece for piece in sources.split(statement, "<<") if piece != "std::endl"]
+        if pieces[0] == begin:
+            yield from host_lines(source, pieces[1:])
+        elif STRING.search(re.sub(r'""', "", statement)):
+            raise NotUnderstood(f"{source}: standard error gets {statement}")
 
 
 PLACEHOLDER = re.compile(r"<[a-z][a-z ]*>")
@@ -175,6 +195,10 @@ class ExtractionTest(unittest.TestCase):
         pieces = sources.split('"a \\"", b(1, "x"), "c, " "d", e ? "f" : "g"', ",")
         self.assertEqual(['a "<>c, df', 'a "<>c, dg'], sources.messages(pieces, {}))
 
+    def test_lines_on_standard_error_are_seen(self):
+        text = 'std::cerr << "featurehost: " << count << (one ? " thing" : " things") << std::endl;'
+        self.assertEqual(["<> thing", "<> things"], list(lines_on_standard_error("x", text)))
+
     def test_comments_are_no_code(self):
         self.assertEqual([], sources.calls("", r"KLog\.(\w+)"))
         for path in sources.sources("SWLInfra/src"):
@@ -183,7 +207,9 @@ class ExtractionTest(unittest.TestCase):
 
     def test_a_text_that_is_nowhere_is_an_error(self):
         with self.assertRaises(NotUnderstood):
-            host_lines("x", "unknown")
+            host_lines("x", ["unknown"])
+        with self.assertRaises(NotUnderstood):
+            list(lines_on_standard_error("x", 'std::cerr << "else: " << what;'))
         with self.assertRaises(NotUnderstood):
             sources.sources("docs")
 

@@ -4,11 +4,10 @@ Not a C++ parser. It knows the few ways in which this project writes such a text
 error when it meets another one, so that nothing is left out in silence.
 """
 
-import os
 import re
 from pathlib import Path
 
-ROOT = Path(os.environ["PROJECT_SOURCE_DIR"])
+ROOT = Path(__file__).resolve().parents[2]
 
 # Whatever is not fixed in a text.
 ANY = "<>"

@@ -8,7 +8,7 @@ import tempfile
 import unittest
 from pathlib import Path
 
-SCRIPT = Path(os.environ["PROJECT_SOURCE_DIR"]) / "featurehost/completion/featurehost.bash"
+SCRIPT = Path(__file__).resolve().parents[2] / "featurehost/completion/featurehost.bash"
 HOST = os.environ["FEATUREHOST"]
 
 COMMANDS = {"install", "prepare", "lint", "cleanup", "type"}

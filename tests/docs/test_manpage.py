@@ -4,7 +4,6 @@
 Everything that the help tells of is in both. What they have beyond it is no error.
 """
 
-import os
 import re
 import shutil
 import subprocess
@@ -14,7 +13,7 @@ from pathlib import Path
 
 from test_completion import help_of
 
-DOCS = Path(os.environ["PROJECT_SOURCE_DIR"]) / "docs"
+DOCS = Path(__file__).resolve().parents[2] / "docs"
 PAGE = DOCS / "featurehost.1"
 
 CANNOT_RUN = 77

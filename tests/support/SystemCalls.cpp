@@ -68,6 +68,7 @@ unsigned __real_sleep(unsigned seconds);
 pid_t __real_fork();
 int __real_pipe2(int* ends, int flags);
 FILE* __real_fdopen(int descriptor, const char* mode);
+FILE* __real_fopen64(const char* path, const char* mode);
 void* __real_malloc(std::size_t size);
 [[noreturn]] void __real__exit(int code);
 
@@ -113,6 +114,11 @@ FILE* __wrap_fdopen(int descriptor, const char* mode) {
     __gcov_dump();
   }
   __real__exit(code);
+}
+
+// What fopen becomes where files may be large.
+FILE* __wrap_fopen64(const char* path, const char* mode) {
+  return support::SystemCalls::Instance().MustFail("fopen") ? nullptr : __real_fopen64(path, mode);
 }
 
 void* __wrap_malloc(std::size_t size) {

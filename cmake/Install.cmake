@@ -39,7 +39,9 @@ install(
   COMPONENT dev DESTINATION ${contract_cmake})
 
 # From the .pc file to the prefix, so that an unpacked tree works wherever it is.
-file(RELATIVE_PATH PKGCONFIG_TO_PREFIX /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
+file(RELATIVE_PATH PKGCONFIG_TO_PREFIX
+  /usr/${CMAKE_INSTALL_LIBDIR}/pkgconfig /usr)
+string(REGEX REPLACE "/$" "" PKGCONFIG_TO_PREFIX "${PKGCONFIG_TO_PREFIX}")
 configure_file(${PROJECT_SOURCE_DIR}/cmake/packaging/featurehost.pc.in featurehost.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/featurehost.pc COMPONENT dev
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

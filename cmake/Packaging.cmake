@@ -5,6 +5,7 @@ set(PACKAGE_MAINTAINER "Main-CPU software loader developers <root@localhost>"
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME maincpuloader)
 set(CPACK_PACKAGE_VENDOR "${PROJECT_NAME}")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")  # each package has its own
 set(CPACK_PACKAGE_CONTACT "${PACKAGE_MAINTAINER}")
 set(CPACK_PACKAGING_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX})
 set(CPACK_STRIP_FILES ON)
@@ -23,9 +24,9 @@ set(CPACK_DEBIAN_MODULE_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_MODULE_PACKAGE_RECOMMENDS "mount, e2fsprogs, dosfstools, fdisk")
 set(CPACK_COMPONENT_MODULE_DESCRIPTION
   "Feature module that installs software on a main CPU's storage
- A shared library that a feature host loads and drives by events. It unpacks
- archives, writes and checks raw images, and restores factory data and
- end-of-line settings, with the system's own tools.")
+A shared library that a feature host loads and drives by events. It unpacks
+archives, writes and checks raw images, and restores factory data and
+end-of-line settings, with the system's own tools.")
 
 # gzip, tar, coreutils and util-linux are on every Debian system.
 set(CPACK_DEBIAN_FEATUREHOST_PACKAGE_NAME featurehost)
@@ -35,15 +36,15 @@ set(CPACK_DEBIAN_FEATUREHOST_PACKAGE_DEPENDS
   "maincpuloader (= ${PROJECT_VERSION}), mount, e2fsprogs, dosfstools, fdisk")
 set(CPACK_COMPONENT_FEATUREHOST_DESCRIPTION
   "Host for feature modules, for workbenches and units without one
- Loads the feature module, plays the update control, and shows progress and
- results. Whatever a run leaves behind, it reports and cleans up.")
+Loads the feature module, plays the update control, and shows progress and
+results. Whatever a run leaves behind, it reports and cleans up.")
 
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME featurehost-dev)
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEV_PACKAGE_SUGGESTS "maincpuloader, featurehost")
 set(CPACK_COMPONENT_DEV_DESCRIPTION
   "Contract between feature modules and their hosts
- The headers that both are built against, with a CMake package and a
- pkg-config file, the integration guide, and an example of each.")
+The headers that both are built against, with a CMake package and a
+pkg-config file, the integration guide, and an example of each.")
 
 include(CPack)

@@ -146,6 +146,9 @@ class WholeUpdate(HostTestCase):
         finally:
             subprocess.run(["umount", zcat], check=True)
         self.assert_ended(1, "not installed", result)
+        self.assertIn("Read failure on", result.stderr)
+        # What the clone would say, were it to go on.
+        self.assertNotIn("Cannot open input or output file", result.stderr)
 
 
 if __name__ == "__main__":

@@ -136,6 +136,7 @@ void platSleep(TUint32 us) { std::this_thread::sleep_for(std::chrono::microsecon
 void platSafecopy(char* to, const char* from, TUint32 count) { snprintf(to, count, "%s", from); }
 
 int main(int argc, char** argv) {
+  signal(SIGCHLD, SIG_DFL);  // 7
   void* entry = dlsym(dlopen(argv[argc - 1], RTLD_NOW), "FeatureCreate2");
   if (entry == nullptr) return std::cerr << "no module: " << argv[argc - 1] << std::endl, 2;
   Host host;

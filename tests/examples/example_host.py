@@ -1,11 +1,12 @@
 #!/usr/bin/env python3
-"""The example host with real updates. Needs EXAMPLE_HOST, EXAMPLE_MODULE, MODULE, CLONE_MODULE and
-SOURCES (the project's folder); WholeUpdate runs in the sandbox."""
+"""The example host with real updates. Needs EXAMPLE_HOST, EXAMPLE_MODULE, MODULE, CLONE_MODULE,
+SYNC_SPY and SOURCES (the project's folder); WholeUpdate runs in the sandbox."""
 
 import gzip
 import os
 import pathlib
 import shutil
+import signal
 import subprocess
 import tempfile
 import tomllib
@@ -25,13 +26,14 @@ class HostTestCase(unittest.TestCase):
         self.folder = pathlib.Path(tempfile.mkdtemp(prefix="example-host-"))
         self.addCleanup(shutil.rmtree, self.folder)
 
-    def run_host(self, properties, module=None):
+    def run_host(self, properties, module=None, **options):
         """The result, with what it and its tools have printed; they have all ended by then."""
+        settings = dict(stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                        text=True, timeout=TIME_LIMIT, check=False)
+        settings.update(options)
         texts = {key: str(value) for key, value in properties.items()}
         return subprocess.run(
-            [HOST, module or os.environ["MODULE"]], env={**os.environ, **texts},
-            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
-            timeout=TIME_LIMIT, check=False)
+            [HOST, module or os.environ["MODULE"]], env={**os.environ, **texts}, **settings)
 
     def assert_ended(self, code, last_line, result):
         self.assertEqual(code, result.returncode, result)
@@ -90,6 +92,20 @@ class Host(HostTestCase):
                 self.assert_ended(0, "installed", result)
                 self.assertNotIn("the clone lives", result.stderr)
                 self.assertNotIn("written by the clone", result.stderr)
+
+    def test_ignored_sigchld_does_not_make_a_failure_a_success(self):
+        update = self.update()
+        update["updatelist"] = "factorydata"
+        (self.folder / "factory.bin").unlink()
+        result = self.run_host(
+            update, preexec_fn=lambda: signal.signal(signal.SIGCHLD, signal.SIG_IGN))
+        self.assert_ended(1, "not installed", result)
+
+    def test_file_systems_are_flushed_before_the_result_is_told(self):
+        spy = {"LD_PRELOAD": os.environ["SYNC_SPY"], "ASAN_OPTIONS": "verify_asan_link_order=0"}
+        result = self.run_host({**self.update(), **spy}, stderr=subprocess.STDOUT)
+        self.assert_ended(0, "installed", result)
+        self.assertLess(result.stdout.index("sync()"), result.stdout.index("installed"))
 
     def test_runs_the_example_module(self):
         result = self.run_host({}, os.environ["EXAMPLE_MODULE"])

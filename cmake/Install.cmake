@@ -86,7 +86,8 @@ if(BUILD_FEATUREHOST)
   endif()
 endif()
 
-install(FILES ${PROJECT_SOURCE_DIR}/docs/integration.md COMPONENT dev
-  DESTINATION ${documents}/featurehost-dev)
+# In the same places to each other as in the sources: the documents' links go on working.
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/docs COMPONENT dev
+  DESTINATION ${documents}/featurehost-dev FILES_MATCHING PATTERN "*.md")
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/examples COMPONENT dev
-  DESTINATION ${documents}/featurehost-dev)
+  DESTINATION ${documents}/featurehost-dev PATTERN ".clang-format" EXCLUDE)

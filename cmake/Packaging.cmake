@@ -2,6 +2,21 @@
 set(PACKAGE_MAINTAINER "Main-CPU software loader developers <root@localhost>"
   CACHE STRING "Who answers for the packages")
 
+# gzip, tar, coreutils and util-linux are on every Debian system.
+set(host_dependencies
+  "maincpuloader (= ${PROJECT_VERSION}), mount, e2fsprogs, dosfstools, fdisk")
+if(CMAKE_CROSSCOMPILING)
+  # The machine's package database does not know the unit's libraries, nor their versions.
+  set(runtime "libc6, libgcc-s1, libstdc++6")
+  set(CPACK_DEBIAN_MODULE_PACKAGE_DEPENDS "${runtime}")
+  string(APPEND host_dependencies ", ${runtime}, libevent-core-2.1-7")
+  execute_process(
+    COMMAND dpkg-architecture -f -t ${CMAKE_LIBRARY_ARCHITECTURE} -q DEB_HOST_ARCH
+    OUTPUT_VARIABLE CPACK_DEBIAN_PACKAGE_ARCHITECTURE OUTPUT_STRIP_TRAILING_WHITESPACE)
+else()
+  set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+endif()
+
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME maincpuloader)
 set(CPACK_PACKAGE_VENDOR "${PROJECT_NAME}")
@@ -19,7 +34,6 @@ set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
 
 set(CPACK_DEBIAN_MODULE_PACKAGE_NAME maincpuloader)
 set(CPACK_DEBIAN_MODULE_PACKAGE_SECTION admin)
-set(CPACK_DEBIAN_MODULE_PACKAGE_SHLIBDEPS ON)
 # Not for hosts on units whose tools come from elsewhere, such as BusyBox.
 set(CPACK_DEBIAN_MODULE_PACKAGE_RECOMMENDS "mount, e2fsprogs, dosfstools, fdisk")
 set(CPACK_COMPONENT_MODULE_DESCRIPTION
@@ -28,12 +42,9 @@ A shared library that a feature host loads and drives by events. It unpacks
 archives, writes and checks raw images, and restores factory data and
 end-of-line settings, with the system's own tools.")
 
-# gzip, tar, coreutils and util-linux are on every Debian system.
 set(CPACK_DEBIAN_FEATUREHOST_PACKAGE_NAME featurehost)
 set(CPACK_DEBIAN_FEATUREHOST_PACKAGE_SECTION admin)
-set(CPACK_DEBIAN_FEATUREHOST_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_FEATUREHOST_PACKAGE_DEPENDS
-  "maincpuloader (= ${PROJECT_VERSION}), mount, e2fsprogs, dosfstools, fdisk")
+set(CPACK_DEBIAN_FEATUREHOST_PACKAGE_DEPENDS "${host_dependencies}")
 set(CPACK_COMPONENT_FEATUREHOST_DESCRIPTION
   "Host for feature modules, for workbenches and units without one
 Loads the feature module, plays the update control, and shows progress and

@@ -154,6 +154,16 @@ class Packages(unittest.TestCase):
         (folder / "update.toml").write_text("[example]\n")
         run(self.host, "install", "update.toml", "--module", module, cwd=folder)
 
+    def test_cmake_installs_the_same_files_into_any_folder(self):
+        folder = self.work_folder()
+        run("cmake", "--install", SOURCES / "build/package", "--strip", "--prefix", folder)
+
+        def files(root):
+            return sorted(str(path.relative_to(root)) for path in root.rglob("*") if path.is_file())
+
+        self.assertEqual(files(self.root / "usr"), files(folder))
+        self.assertEqual("maincpuloader\n", run(folder / "bin/featurehost", "type", cwd="/"))
+
     def test_cmake_package_tells_versions_apart(self):
         folder = self.work_folder()
         major, minor = VERSION.split(".")[:2]

@@ -124,6 +124,12 @@ class Packages(unittest.TestCase):
     def test_host_tells_its_version(self):
         self.assertEqual(f"featurehost {VERSION}\n", run(self.host, "--version"))
 
+    def test_host_comes_with_its_manual_page_and_completion(self):
+        page = run("gzip", "-dc", self.root / "usr/share/man/man1/featurehost.1.gz")
+        self.assertEqual((SOURCES / "docs/featurehost.1").read_text(), page)
+        completions = self.root / "usr/share/bash-completion/completions/featurehost"
+        self.assertIn("complete ", completions.read_text())
+
     def test_installed_host_runs_an_update(self):
         folder = self.work_folder()
         (folder / "factory.bin").write_bytes(b"0123456789" * 20)

@@ -45,8 +45,8 @@ std::optional<Options> ParseCommandLine(int count, const char* const* arguments)
   AddCommand(app, options, Options::Command::kType, "type", "Print the module's feature type");
 
   app.add_option("--module", options.module,
-                 "The feature module (default: libmaincpuloader.so beside this program, then on "
-                 "the library path)")
+                 "The feature module (default: libmaincpuloader.so beside this program, then "
+                 "the installed one, then on the library path)")
       ->type_name("FILE");
   CLI::Option* feature =
       app.add_option("--feature", options.feature,

@@ -180,6 +180,7 @@ int FakeSystem::Kill(pid_t process, int signal) {
       }
       break;
     case SIGUSR1:
+      Require(!diesOfUsr1_, "SIGUSR1 for a child that would die of it");
       WriteToAll(process, answer ? answer() : input_.ConsumeRandomLengthString(300));
       break;
     default:
@@ -284,7 +285,16 @@ int FakeSystem::Open() {
   return descriptor;
 }
 
+/** What the kernel tells about a child: whether it catches SIGUSR1. */
+std::string FakeSystem::Status() {
+  diesOfUsr1_ = RarelyTrue();
+  return diesOfUsr1_ ? "SigIgn:\t0\nSigCgt:\t0\n" : "SigIgn:\t0\nSigCgt:\t200\n";
+}
+
 FILE* FakeSystem::OpenFile(const std::string& path) {
+  if (path.rfind("/proc/", 0) == 0) {
+    files[path] = Status();
+  }
   const auto entry = files.find(path);
   if (entry == files.end() && RarelyTrue()) {
     errno = ENOENT;

@@ -87,6 +87,7 @@ class FakeSystem {
   Child* Find(pid_t process);
   Child* RunningUser(const Channel& channel, pid_t& process);
   bool RarelyTrue();
+  std::string Status();
   void WriteSome(const Channel& channel);
   void WriteToAll(pid_t process, const std::string& text);
   void End(pid_t process, int status);
@@ -100,6 +101,7 @@ class FakeSystem {
   std::map<FILE*, std::unique_ptr<std::string>> open_;
   pid_t nextProcess_;
   std::size_t steadyBytes_ = 0;
+  bool diesOfUsr1_ = false;
 };
 
 }  // namespace fuzz

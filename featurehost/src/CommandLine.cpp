@@ -12,8 +12,8 @@ namespace featurehost {
 namespace {
 
 constexpr const char* kExitCodes =
-    "Exit codes: 0 installed (prepared), 1 the install failed, 2 usage or configuration,\n"
-    "3 the prepare failed, 4 the module cannot be loaded, 130 aborted.";
+    "Exit codes: 0 installed (prepared, clean), 1 the install failed (lint: errors found),\n"
+    "2 usage or configuration, 3 the prepare failed, 4 the module cannot be loaded, 130 aborted.";
 
 CLI::App* AddCommand(CLI::App& app, Options& options, Options::Command command, const char* name,
                      const char* description) {
@@ -36,12 +36,18 @@ std::optional<Options> ParseCommandLine(int count, const char* const* arguments)
   app.footer(kExitCodes);
   app.require_subcommand(0, 1);  // none is told below, in clearer words
   app.set_version_flag("--version", "featurehost " FEATUREHOST_VERSION);
-  AddConfiguration(AddCommand(app, options, Options::Command::kInstall, "install",
-                              "Prepare and install the update list of a feature"),
-                   options);
+  CLI::App* install = AddCommand(app, options, Options::Command::kInstall, "install",
+                                 "Prepare and install the update list of a feature");
+  AddConfiguration(install, options);
+  install->add_flag("--no-lint", options.noLint, "Do not check the configuration before");
   AddConfiguration(AddCommand(app, options, Options::Command::kPrepare, "prepare",
                               "Prepare only: check whether everything is there"),
                    options);
+  CLI::App* lint = AddCommand(app, options, Options::Command::kLint, "lint",
+                              "Check a configuration and the unit before an install");
+  AddConfiguration(lint, options);
+  lint->add_flag("--deep", options.deep, "Unpack every archive and image and check what is in it");
+  lint->add_flag("--strict", options.strict, "Exit with 1 for warnings too");
   AddCommand(app, options, Options::Command::kType, "type", "Print the module's feature type");
 
   app.add_option("--module", options.module,
@@ -56,7 +62,8 @@ std::optional<Options> ParseCommandLine(int count, const char* const* arguments)
       ->check(CLI::IsMember({"error", "warning", "info", "interface"}));
   app.add_option("--log-file", options.logFile, "Append the log to a file as well")
       ->type_name("FILE");
-  app.add_flag("--json", options.json, "Print every event as a JSON object on a line of its own");
+  app.add_flag("--json", options.json,
+               "Print every event (lint: finding) as a JSON object on a line of its own");
   app.add_flag("--quiet", options.quiet, "Show errors only");
 
   try {
@@ -68,7 +75,7 @@ std::optional<Options> ParseCommandLine(int count, const char* const* arguments)
     throw HostError(ExitCode::kUsage, OneLine(error.what()) + "; see featurehost --help");
   }
   if (app.get_subcommands().empty()) {
-    throw HostError(ExitCode::kUsage, "no command given; say install, prepare or type");
+    throw HostError(ExitCode::kUsage, "no command given; say install, prepare, lint or type");
   }
   if (feature->count() > 0) {
     CheckFeatureId(options.feature, "--feature: ");

@@ -10,6 +10,7 @@
 #include "featurehost/src/Module.h"
 #include "featurehost/src/Run.h"
 #include "featurehost/src/Text.h"
+#include "featurehost/src/lint/LintCommand.h"
 
 namespace {
 
@@ -32,9 +33,18 @@ ExitCode PrintType(const Options& options) {
   return ExitCode::kSuccess;
 }
 
-ExitCode RunUpdate(const Options& options) {
+ExitCode RunOnFeature(const Options& options) {
   const auto configuration = featurehost::Configuration::Load(options.configuration);
   const TFeatureId& featureId = configuration.Choose(options.feature);
+  const featurehost::lint::LintRequest check{featureId,    configuration.Of(featureId),
+                                             options.deep, options.strict,
+                                             options.json, options.quiet};
+  if (options.command == Options::Command::kLint) {
+    return featurehost::lint::RunLint(check);
+  }
+  if (options.command == Options::Command::kInstall && !options.noLint) {
+    featurehost::lint::LintBeforeInstall(check);
+  }
   const auto goal = options.command == Options::Command::kInstall ? featurehost::Goal::kInstall
                                                                   : featurehost::Goal::kPrepare;
   return featurehost::Run(
@@ -48,7 +58,7 @@ ExitCode Obey(const Options& options) {
   if (!options.logFile.empty()) {
     log.OpenFile(options.logFile);
   }
-  return options.command == Options::Command::kType ? PrintType(options) : RunUpdate(options);
+  return options.command == Options::Command::kType ? PrintType(options) : RunOnFeature(options);
 }
 
 }  // namespace

@@ -1,12 +1,17 @@
 #include "featurehost/src/lint/LintCommand.h"
 
+#include <csignal>
 #include <iostream>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "featurehost/src/HostError.h"
 #include "featurehost/src/Output.h"
 #include "featurehost/src/Text.h"
+#include "featurehost/src/lint/Deep.h"
+#include "featurehost/src/lint/DeepProgress.h"
 #include "featurehost/src/lint/LintReport.h"
 #include "featurehost/src/lint/Linter.h"
 #include "featurehost/src/lint/UnitEnvironment.h"
@@ -14,6 +19,37 @@
 namespace featurehost::lint {
 
 namespace {
+
+volatile std::sig_atomic_t stopWanted = 0;
+
+void RememberStop(int /*signal*/) {
+  stopWanted = 1;
+}
+
+/** Ctrl-C and its like end the work between two pieces; the bar is taken off the terminal then. */
+void HearStopSignals() {
+  struct sigaction action {};
+  action.sa_handler = RememberStop;
+  action.sa_flags = SA_RESTART;
+  for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
+    struct sigaction before {};
+    sigaction(number, nullptr, &before);
+    if (before.sa_handler != SIG_IGN) {
+      sigaction(number, &action, nullptr);
+    }
+  }
+}
+
+std::optional<DeepFactsByPath> LookDeep(const LintRequest& request, const Environment& environment,
+                                        Output& output) {
+  HearStopSignals();
+  const auto jobs = WhatToUnpack(request.properties, environment);
+  DeepProgress progress(output, jobs, output.IsTerminal() && !request.json && !request.quiet);
+  return UnpackAll(jobs, [&progress](std::uint64_t bytes) {
+    progress.Show(bytes);
+    return stopWanted == 0;
+  });
+}
 
 bool IsShown(const Finding& finding, const LintRequest& request) {
   return !request.quiet || SeverityOf(finding.kind) == Severity::kError;
@@ -47,7 +83,15 @@ ExitCode RunLint(const LintRequest& request) {
   SurviveClosedPipes();
   Output output(SeparateStandardOutput());
   const UnitEnvironment environment;
-  const auto findings = Lint(request.featureId, request.properties, environment);
+  DeepFactsByPath deep;
+  if (request.deep) {
+    auto facts = LookDeep(request, environment, output);
+    if (!facts.has_value()) {
+      throw HostError(ExitCode::kAborted, "stopped; not everything has been checked");
+    }
+    deep = std::move(*facts);
+  }
+  const auto findings = Lint(request.featureId, request.properties, environment, deep);
   Print(request, findings, output);
   return CodeOf(request, findings);
 }

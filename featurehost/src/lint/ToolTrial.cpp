@@ -19,7 +19,6 @@ namespace {
 
 using Time = std::chrono::steady_clock;
 
-constexpr std::chrono::seconds kLongest{10};
 constexpr std::chrono::milliseconds kStep{2};
 
 /** One stored block of 7 bytes, with 0 for its checksum. */
@@ -71,8 +70,8 @@ class Start {
   posix_spawnattr_t attributes_{};
 };
 
-bool EndsInTime(pid_t process, int& status) {
-  const auto end = Time::now() + kLongest;
+bool EndsInTime(pid_t process, std::chrono::milliseconds limit, int& status) {
+  const auto end = Time::now() + limit;
   while (waitpid(process, &status, WNOHANG) == 0) {
     if (Time::now() >= end) {
       kill(-process, SIGKILL);
@@ -86,10 +85,11 @@ bool EndsInTime(pid_t process, int& status) {
 
 }  // namespace
 
-std::optional<int> TryTool(const std::string& program, const std::vector<std::string>& arguments) {
+std::optional<int> TryTool(const std::string& program, const std::vector<std::string>& arguments,
+                           std::chrono::milliseconds limit) {
   const pid_t process = Start().Run(program, arguments);
   int status = 0;
-  if (process == -1 || !EndsInTime(process, status) || !WIFEXITED(status)) {
+  if (process == -1 || !EndsInTime(process, limit, status) || !WIFEXITED(status)) {
     return std::nullopt;
   }
   return WEXITSTATUS(status);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <optional>
 #include <string>
 #include <vector>
@@ -11,10 +12,11 @@ namespace featurehost::lint {
  *
  * @param program    a path, or a name on the search path.
  * @param arguments  without the program's own name.
- * @return its exit code; nothing when it could not be run, was killed or takes too long, after
- * which it is killed.
+ * @param limit      when it takes longer it is killed, with its children.
+ * @return its exit code; nothing when it could not be run, or was killed.
  */
-std::optional<int> TryTool(const std::string& program, const std::vector<std::string>& arguments);
+std::optional<int> TryTool(const std::string& program, const std::vector<std::string>& arguments,
+                           std::chrono::milliseconds limit = std::chrono::seconds{10});
 
 /** Whether a decompressor ends with 0 for a small file whose checksum is wrong. */
 std::optional<bool> TryDamagedFile(const std::string& decompressor);

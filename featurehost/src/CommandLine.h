@@ -9,7 +9,7 @@ namespace featurehost {
 
 /** What the user asked for. */
 struct Options {
-  enum class Command { kInstall, kPrepare, kLint, kType };
+  enum class Command { kInstall, kPrepare, kLint, kType, kCleanUp };
 
   Command command = Command::kType;
   std::string configuration;  ///< path; of install, prepare and lint
@@ -22,6 +22,7 @@ struct Options {
   bool deep = false;    ///< of lint: unpack every archive and image
   bool strict = false;  ///< of lint: fail for warnings too
   bool noLint = false;  ///< of install: do not check the configuration before
+  bool dryRun = false;  ///< of the clean-up
 };
 
 /**

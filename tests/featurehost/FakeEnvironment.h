@@ -22,6 +22,8 @@ class FakeEnvironment : public Environment {
   std::set<std::string> accepting;                         // decompressors
   std::set<std::string> refused;                           // block sizes
 
+  OtherRuns others;
+
   void AddFile(const std::string& path, std::uint64_t size) {
     files[path] = {FileFacts::Type::kFile, size, true};
   }
@@ -62,6 +64,7 @@ class FakeEnvironment : public Environment {
   std::optional<bool> TakesBlockSize(const std::string& text) const override {
     return refused.count(text) == 0;
   }
+  OtherRuns RunsBeside(const RunScope& /*scope*/) const override { return others; }
 };
 
 }  // namespace featurehost::lint

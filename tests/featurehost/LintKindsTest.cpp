@@ -286,6 +286,8 @@ const std::vector<KindCase>& Cases() {
       {Kind::kToolNotExecutable, "userfs", "",
        [](Scene& s) { s.unit.tools["/bin/tar"] = ToolState::kNotExecutable; }},
       {Kind::kZcatAcceptsDamage, "rootfs", "", [](Scene& s) { s.unit.accepting.insert("zcat"); }},
+      {Kind::kKilledRun, "", "", [](Scene& s) { s.unit.others.killed = {"an install"}; }},
+      {Kind::kOtherInstall, "", "", [](Scene& s) { s.unit.others.running = {"other"}; }},
   };
   return cases;
 }

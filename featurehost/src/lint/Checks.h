@@ -33,5 +33,7 @@ void CheckSources(const Subject& subject);
 void CheckTargets(const Subject& subject);
 /** The tools that the items run. */
 void CheckTools(const Subject& subject);
+/** Installs that are at work on the same targets, and what killed ones have left. */
+void CheckOtherRuns(const Subject& subject);
 
 }  // namespace featurehost::lint

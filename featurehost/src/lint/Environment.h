@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "featurehost/src/RunScope.h"
+
 namespace featurehost::lint {
 
 /** What stands at a path; links are followed. */
@@ -24,6 +26,12 @@ struct GzipEnds {
 };
 
 enum class ToolState { kMissing, kNotExecutable, kUsable };
+
+/** Other installs that this one would meet. */
+struct OtherRuns {
+  std::vector<std::string> running;  ///< features that are being installed on the same targets
+  std::vector<std::string> killed;   ///< what killed installs have left behind, a line for each
+};
 
 /** What the checks have to know about the unit. Asking changes nothing on it. */
 class Environment {
@@ -47,6 +55,7 @@ class Environment {
   virtual std::optional<bool> AcceptsDamage(const std::string& decompressor) const = 0;
   /** Whether dd takes a text as its block size; nothing when that cannot be tried. */
   virtual std::optional<bool> TakesBlockSize(const std::string& text) const = 0;
+  virtual OtherRuns RunsBeside(const RunScope& scope) const = 0;
 };
 
 }  // namespace featurehost::lint

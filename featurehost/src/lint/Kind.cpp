@@ -79,6 +79,8 @@ constexpr Row kRows[] = {
     {Kind::kToolMissing, "tool-missing", kError},
     {Kind::kToolNotExecutable, "tool-not-executable", kError},
     {Kind::kZcatAcceptsDamage, "zcat-accepts-damage", kWarning},
+    {Kind::kKilledRun, "killed-run", kError},
+    {Kind::kOtherInstall, "other-install", kError},
 };
 
 const Row& RowOf(Kind kind) {

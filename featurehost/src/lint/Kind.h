@@ -74,6 +74,8 @@ enum class Kind {
   kToolMissing,
   kToolNotExecutable,
   kZcatAcceptsDamage,
+  kKilledRun,
+  kOtherInstall,
 };
 
 /** The stable id, such as "weights-sum". */

@@ -74,7 +74,7 @@ void Print(const LintRequest& request, const std::vector<Finding>& findings, Out
 ExitCode CodeOf(const LintRequest& request, const std::vector<Finding>& findings) {
   const Count count = CountOf(findings);
   const bool bad = count.errors > 0 || (request.strict && count.warnings > 0);
-  return bad ? ExitCode::kInstallFailed : ExitCode::kSuccess;
+  return bad ? ExitCode::kLintErrors : ExitCode::kSuccess;
 }
 
 }  // namespace

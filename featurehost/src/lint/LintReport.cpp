@@ -2,6 +2,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "featurehost/src/JsonLine.h"
 #include "featurehost/src/Text.h"
 
 namespace featurehost::lint {
@@ -9,11 +10,6 @@ namespace featurehost::lint {
 namespace {
 
 constexpr std::size_t kLongestValue = 100;
-
-// Values are bytes; what is not UTF-8 is replaced, so that every line can be parsed.
-std::string Line(const nlohmann::ordered_json& object) {
-  return object.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";
-}
 
 std::string Number(std::size_t count, const std::string& what) {
   return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
@@ -53,22 +49,22 @@ std::string TextOf(const Finding& finding) {
 }
 
 std::string JsonOf(const Finding& finding) {
-  return Line({{"feature", finding.feature},
-               {"item", finding.item},
-               {"property", finding.property},
-               {"value", finding.value},
-               {"severity", NameOf(SeverityOf(finding.kind))},
-               {"kind", IdOf(finding.kind)},
-               {"why", finding.why},
-               {"instead", finding.instead}});
+  return JsonLine({{"feature", finding.feature},
+                   {"item", finding.item},
+                   {"property", finding.property},
+                   {"value", finding.value},
+                   {"severity", NameOf(SeverityOf(finding.kind))},
+                   {"kind", IdOf(finding.kind)},
+                   {"why", finding.why},
+                   {"instead", finding.instead}});
 }
 
 std::string JsonSummary(const std::string& feature, const Count& count, bool deep) {
-  return Line({{"summary", "lint"},
-               {"feature", feature},
-               {"errors", count.errors},
-               {"warnings", count.warnings},
-               {"deep", deep}});
+  return JsonLine({{"summary", "lint"},
+                   {"feature", feature},
+                   {"errors", count.errors},
+                   {"warnings", count.warnings},
+                   {"deep", deep}});
 }
 
 }  // namespace featurehost::lint

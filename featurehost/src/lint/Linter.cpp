@@ -12,7 +12,7 @@ std::vector<Finding> Lint(const TFeatureId& featureId, const Properties::Values&
   const Subject subject{update, environment, sources, findings};
   for (const auto check :
        {CheckLists, CheckWeights, CheckProperties, CheckNumbers, CheckTargetSizes, CheckBlockSizes,
-        CheckPaths, CheckSources, CheckTargets, CheckTools}) {
+        CheckPaths, CheckSources, CheckTargets, CheckTools, CheckOtherRuns}) {
     check(subject);
   }
   return findings.Take();

@@ -15,6 +15,9 @@
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
+#include "featurehost/src/KilledRuns.h"
+#include "featurehost/src/MountTable.h"
+#include "featurehost/src/RunFolder.h"
 #include "featurehost/src/lint/ToolTrial.h"
 
 namespace featurehost::lint {
@@ -73,42 +76,6 @@ std::uint64_t DeviceSize(const std::string& path) {
   return std::strtoull(FirstLine("/sys/dev/block/" + NumberOf(path) + "/size").c_str(), nullptr,
                        10) *
          kSector;
-}
-
-/** The kernel's table has blanks and the like as octal escapes. */
-std::string Unescape(const std::string& text) {
-  constexpr int kOctal = 8;
-  constexpr std::size_t kDigits = 3;
-  std::string plain;
-  for (std::size_t index = 0; index < text.size(); ++index) {
-    if (text[index] == '\\' && index + kDigits < text.size()) {
-      const std::string digits = text.substr(index + 1, kDigits);
-      plain += static_cast<char>(std::strtol(digits.c_str(), nullptr, kOctal));
-      index += kDigits;
-    } else {
-      plain += text[index];
-    }
-  }
-  return plain;
-}
-
-struct Mount {
-  std::string device;  // number
-  std::string point;
-};
-
-std::vector<Mount> Mounts() {
-  std::vector<Mount> mounts;
-  std::ifstream table("/proc/self/mountinfo");
-  for (std::string line; std::getline(table, line);) {
-    std::istringstream fields(line);
-    std::string skipped;
-    Mount mount;
-    fields >> skipped >> skipped >> mount.device >> skipped >> mount.point;
-    mount.point = Unescape(mount.point);
-    mounts.push_back(mount);
-  }
-  return mounts;
 }
 
 /** BGZF and the like: the size of the member in an extra field of its header, named "BC". */
@@ -178,7 +145,7 @@ std::vector<std::string> UnitEnvironment::MountPointsOf(const std::string& devic
   }
   for (const Mount& mount : Mounts()) {
     if (mount.device == number || WholeOf(mount.device) == number) {
-      points.push_back(mount.point);
+      points.push_back(mount.Point());
     }
   }
   return points;
@@ -188,8 +155,9 @@ std::string UnitEnvironment::MountPointAt(const std::string& folder) const {
   std::error_code error;
   const std::string path = std::filesystem::canonical(folder, error).string();
   const auto mounts = Mounts();
-  const bool isOne = !error && std::any_of(mounts.begin(), mounts.end(),
-                                           [&path](const Mount& one) { return one.point == path; });
+  const bool isOne = !error && std::any_of(mounts.begin(), mounts.end(), [&path](const Mount& one) {
+    return one.Point() == path;
+  });
   return isOne ? path : "";
 }
 
@@ -228,6 +196,25 @@ std::optional<bool> UnitEnvironment::AcceptsDamage(const std::string& decompress
 std::optional<bool> UnitEnvironment::TakesBlockSize(const std::string& text) const {
   const auto code = TryTool("dd", {"if=/dev/null", "of=/dev/null", "count=0", "bs=" + text});
   return code.has_value() ? std::optional(*code == 0) : std::nullopt;
+}
+
+OtherRuns UnitEnvironment::RunsBeside(const RunScope& scope) const {
+  OtherRuns others;
+  for (const RunFolder& folder : RunFolder::ForReading()) {
+    for (const RunNote& note : folder.Notes()) {
+      // Not by KilledRuns(), which would drop notes.
+      const auto left = IsKilled(note) ? LeftOf(note) : std::vector<LeftOver>();
+      if (!left.empty()) {
+        others.killed.push_back(Describe(KilledRun{note, left}));
+      }
+    }
+  }
+  for (const RunNote& note : RunningInstalls()) {
+    if (note.scope.Meets(scope)) {
+      others.running.push_back(note.feature);
+    }
+  }
+  return others;
 }
 
 }  // namespace featurehost::lint

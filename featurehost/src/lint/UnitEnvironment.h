@@ -18,6 +18,7 @@ class UnitEnvironment : public Environment {
   ToolState Tool(const std::string& name) const override;
   std::optional<bool> AcceptsDamage(const std::string& decompressor) const override;
   std::optional<bool> TakesBlockSize(const std::string& text) const override;
+  OtherRuns RunsBeside(const RunScope& scope) const override;
 
  private:
   mutable std::map<std::string, std::optional<bool>> tried_;  // decompressors

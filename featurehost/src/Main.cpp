@@ -37,8 +37,11 @@ ExitCode PrintType(const Options& options) {
 }
 
 /** What speaks against an install before it is begun. Throws HostError. */
-void CheckBeforeInstall(const featurehost::Properties& properties) {
-  featurehost::RefuseBesideOtherRuns(featurehost::ScopeOf(properties));
+void CheckBeforeInstall(const Options& options, const featurehost::lint::LintRequest& check) {
+  featurehost::RefuseBesideOtherRuns(featurehost::ScopeOf({check.featureId, check.properties}));
+  if (!options.noLint) {
+    featurehost::lint::LintBeforeInstall(check);
+  }
 }
 
 ExitCode RunOnFeature(const Options& options) {
@@ -50,13 +53,10 @@ ExitCode RunOnFeature(const Options& options) {
   if (options.command == Options::Command::kLint) {
     return featurehost::lint::RunLint(check);
   }
-  if (options.command == Options::Command::kInstall && !options.noLint) {
-    featurehost::lint::LintBeforeInstall(check);
-  }
   const auto goal = options.command == Options::Command::kInstall ? featurehost::Goal::kInstall
                                                                   : featurehost::Goal::kPrepare;
   if (goal == featurehost::Goal::kInstall) {
-    CheckBeforeInstall({featureId, configuration.Of(featureId)});
+    CheckBeforeInstall(options, check);
   }
   return featurehost::Run({goal, options.module, featureId, configuration.Of(featureId),
                            options.configuration, options.json, options.quiet});

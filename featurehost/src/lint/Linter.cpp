@@ -11,8 +11,8 @@ std::vector<Finding> Lint(const TFeatureId& featureId, const Properties::Values&
   Findings findings(featureId);
   const Subject subject{update, environment, sources, findings};
   for (const auto check :
-       {CheckLists, CheckWeights, CheckProperties, CheckNumbers, CheckTargetSizes, CheckBlockSizes,
-        CheckPaths, CheckSources, CheckTargets, CheckTools, CheckOtherRuns}) {
+       {CheckOtherRuns, CheckLists, CheckWeights, CheckProperties, CheckNumbers, CheckTargetSizes,
+        CheckBlockSizes, CheckPaths, CheckSources, CheckTargets, CheckTools}) {
     check(subject);
   }
   return findings.Take();

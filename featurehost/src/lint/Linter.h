@@ -16,7 +16,7 @@ namespace featurehost::lint {
  *
  * @param deep  what was learnt by unpacking archives and images, by path; without it their sizes
  *              are what their trailers say.
- * @return the findings, those about the lists first and then in the order of the groups of checks.
+ * @return the findings, in the order of the groups of checks.
  */
 std::vector<Finding> Lint(const TFeatureId& featureId, const Properties::Values& values,
                           const Environment& environment, const DeepFactsByPath& deep = {});

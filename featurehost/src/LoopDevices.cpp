@@ -6,6 +6,8 @@
 #include <filesystem>
 #include <linux/loop.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include "featurehost/src/Paths.h"
@@ -17,6 +19,16 @@ namespace {
 
 std::string FirstLine(const std::string& text) {
   return text.substr(0, text.find('\n'));
+}
+
+/** A device number as the kernel tells it in the status of a loop device. */
+unsigned long long EncodedDevice(dev_t device) {
+  constexpr unsigned kLowMinor = 0xff;
+  constexpr unsigned kMajorShift = 8;
+  constexpr unsigned kHighMinorShift = 12;
+  const unsigned minorNumber = minor(device);
+  return (minorNumber & kLowMinor) | (major(device) << kMajorShift) |
+         ((minorNumber & ~kLowMinor) << kHighMinorShift);
 }
 
 }  // namespace
@@ -37,6 +49,18 @@ std::vector<LoopDevice> LoopDevices() {
 bool IsAttached(const LoopDevice& loop) {
   const auto loops = LoopDevices();
   return std::find(loops.begin(), loops.end(), loop) != loops.end();
+}
+
+bool HasFileFromHere(const LoopDevice& loop) {
+  const int node = open(loop.node.c_str(), O_RDONLY | O_CLOEXEC);
+  loop_info64 info{};
+  struct stat file {};
+  const bool isKnown = node != -1 && ioctl(node, LOOP_GET_STATUS64, &info) == 0 &&
+                       stat(loop.file.c_str(), &file) == 0;
+  if (node != -1) {
+    close(node);
+  }
+  return isKnown && info.lo_inode == file.st_ino && info.lo_device == EncodedDevice(file.st_dev);
 }
 
 int Detach(const LoopDevice& loop) {

@@ -144,7 +144,7 @@ std::vector<Mount> UnitChanges::NewMounts() const {
 std::vector<LoopDevice> UnitChanges::NewLoopDevices() const {
   const auto mounts = NewMounts();
   const auto isOurs = [&](const LoopDevice& loop) {
-    return scope_.HasTarget(loop.file) ||
+    return (scope_.HasTarget(loop.file) && HasFileFromHere(loop)) ||
            std::any_of(mounts.begin(), mounts.end(), [&](const Mount& mount) {
              return mount.device == loop.device && scope_.HasMountPoint(mount.Point());
            });

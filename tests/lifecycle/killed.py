@@ -7,6 +7,7 @@ MAKE_SAMPLE_UPDATE. Exit status 77: everything was skipped."""
 import json
 import os
 import pathlib
+import shutil
 import signal
 import subprocess
 import sys
@@ -109,6 +110,10 @@ class KilledDuringTheArchive(KilledUpdateTestCase):
         self.assertIn(self.point, mounts())
         return host
 
+    def take_slow_zcat(self):
+        self.uncover_zcat()
+        self.cover_zcat(SLOW_ZCAT)
+
     def tools_of(self, host):
         """The process ids of the host's zcat and tar."""
         worker = children(host.pid)[0]
@@ -135,6 +140,7 @@ class KilledDuringTheArchive(KilledUpdateTestCase):
         self.assert_unit_is_tidy()
 
     def test_of_the_front_is_cleaned_up_by_the_working_process(self):
+        self.take_slow_zcat()  # a module that waits for a stuck one hears of nothing
         host = self.start_unpacking()
         host.kill()
         _, errors = host.communicate(timeout=TIME_LIMIT)  # until the worker has closed it, too
@@ -143,8 +149,7 @@ class KilledDuringTheArchive(KilledUpdateTestCase):
         self.assert_unit_is_tidy()
 
     def test_of_a_tool_leaves_nothing(self):
-        self.uncover_zcat()
-        self.cover_zcat(SLOW_ZCAT)
+        self.take_slow_zcat()
         # Of a killed zcat the module sees either its end or the end of its output first; the latter
         # counts as the end of the archive.
         for tool, codes in (("zcat", (SUCCESS, INSTALL_FAILED)), ("tar", (INSTALL_FAILED,))):
@@ -183,10 +188,15 @@ class FileSystemInAFile(KilledUpdateTestCase):
         super().setUp()
         shell(f"truncate -s 4M {self.image} && mkfs.ext2 -q -F {self.image}")
         self.addCleanup(self.image.unlink)
+        self.addCleanup(self.detach_all)
         self.loops_before = loop_devices()
 
     def attached(self):
         return [loop for loop in loop_devices() if loop[1] == str(self.image)]
+
+    def detach_all(self):
+        for name, _ in self.attached():
+            shell(f"losetup --detach /dev/{name}")
 
     def attach_for_good(self):
         """A mount that does not tell the kernel to let go of the loop device after the unmount."""
@@ -227,12 +237,38 @@ exec /bin/mount "$loop" "$last"
 
     def test_loop_device_that_was_there_before_stays(self):
         shell(f"losetup --find {self.image}")
-        self.addCleanup(shell, f"losetup --detach $(losetup -n -O NAME -j {self.image})")
         before = loop_devices()
         self.script("dd", "exit 5")
         self.install()
         self.assertEqual(before, loop_devices())
         self.assert_unit_is_tidy()
+
+    def test_loop_device_that_was_never_mounted_is_detached(self):
+        self.script("mount", f"losetup --find {self.image}; exit 1")
+        self.assertEqual(INSTALL_FAILED, self.install(), self.errors)
+        self.assertRegex(self.errors,
+                         rf"left behind: loop device /dev/loop\d+ \({self.image}\): detached")
+        self.assert_no_loop_device_is_left()
+
+    def test_loop_device_with_a_file_of_the_same_name_elsewhere_stays(self):
+        # Attached meanwhile in another mount namespace, where the name is that of another file.
+        other = self.folder / "other"
+        other.mkdir()
+        self.addCleanup(shutil.rmtree, other)
+        shutil.copy(self.image, other / "file")
+        self.script("mount", f"touch {other}/go; until [ -e {other}/done ]; do sleep 0.02; done; "
+                    "exit 1")
+        elsewhere = subprocess.Popen(["unshare", "--mount", "sh", "-c", f"""
+            mount --bind {other}/file {self.image} && until [ -e {other}/go ]; do sleep 0.02; done
+            loop=$(losetup --find --show {self.image}); touch {other}/done
+            read -r line; losetup --detach "$loop" """], stdin=subprocess.PIPE)
+        try:
+            self.assertEqual(INSTALL_FAILED, self.install(), self.errors)
+            self.assertEqual(1, len(self.attached()))
+            self.assertNotIn("loop device", self.errors)
+        finally:
+            elsewhere.communicate(timeout=TIME_LIMIT)
+        self.assert_no_loop_device_is_left()
 
     def test_loop_device_of_a_killed_run_is_found_and_detached(self):
         self.attach_for_good()

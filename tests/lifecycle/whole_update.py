@@ -1,6 +1,7 @@
 """What the tests of complete updates share: a sample update, stand-ins for tools, and a look at how
 a run has left the unit. For use inside scripts/sandbox."""
 
+import contextlib
 import os
 import pathlib
 import shutil
@@ -24,9 +25,13 @@ def mounts():
 
 
 def loop_devices():
-    """Those that have a file attached, with its path."""
-    return sorted((file.parts[3], file.read_text().strip())
-                  for file in pathlib.Path("/sys/block").glob("loop*/loop/backing_file"))
+    """Those of this sandbox that have a file attached, with its path."""
+    found = []
+    for node in pathlib.Path("/dev").glob("loop*"):
+        with contextlib.suppress(OSError):
+            file = pathlib.Path(f"/sys/block/{node.name}/loop/backing_file").read_text().strip()
+            found.append((node.name, file))
+    return sorted(found)
 
 
 def children(of=None):

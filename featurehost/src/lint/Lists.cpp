@@ -40,13 +40,13 @@ void CheckLengths(const Subject& subject) {
       !subject.update.Value("updateprogresslist").has_value()) {
     return;
   }
-  for (std::size_t index = weights.size(); index < names.size(); ++index) {
+  if (weights.size() < names.size()) {
     subject.findings.Add(
         Kind::kItemWithoutWeight,
-        {names[index], "updateprogresslist", subject.update.Text("updateprogresslist")},
-        "item " + std::to_string(index + 1) +
-            " has no weight; it and all behind it are dropped "
-            "silently, and the install succeeds without them",
+        {names[weights.size()], "updateprogresslist", subject.update.Text("updateprogresslist")},
+        "item " + std::to_string(weights.size() + 1) +
+            " has no weight; it and all behind it are dropped silently, and the install succeeds "
+            "without them",
         "a weight for each of the " + std::to_string(names.size()) + " items");
   }
   if (weights.size() > names.size() && !names.empty()) {
@@ -77,9 +77,8 @@ void CheckCheck(const Subject& subject, const std::string& name,
 void CheckName(const Subject& subject, const std::string& name,
                const std::set<std::string>& before) {
   constexpr const char* kBlanks = " \t\r\n";
-  const std::string list = subject.update.Text("updatelist");
   if (name.empty()) {
-    subject.findings.Add(Kind::kItemEmpty, {"", "updatelist", list},
+    subject.findings.Add(Kind::kItemEmpty, {"", "updatelist", subject.update.Text("updatelist")},
                          "a leading or doubled \";\" makes an item without a name, whose prepare "
                          "fails",
                          "one \";\" between two items");
@@ -109,7 +108,10 @@ void CheckLists(const Subject& subject) {
   CheckLengths(subject);
   std::set<std::string> before;
   for (const std::string& name : subject.update.Names()) {
-    CheckName(subject, name, before);
+    // An empty name is reported once: the list is its value.
+    if (!name.empty() || before.count(name) == 0) {
+      CheckName(subject, name, before);
+    }
     before.insert(name);
   }
 }

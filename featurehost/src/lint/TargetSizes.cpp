@@ -1,4 +1,3 @@
-#include <algorithm>
 #include <cstdint>
 #include <limits>
 #include <string>
@@ -21,18 +20,8 @@ struct SizeUse {
 };
 
 std::string CheckOf(const Update& update, const Item& item) {
-  const auto& items = update.Items();
-  const auto check = std::find_if(items.begin(), items.end(), [&item](const Item& other) {
-    return other.kind == ItemKind::kCheck && other.prefix == item.prefix;
-  });
-  return check == items.end() ? "" : check->name;
-}
-
-bool HasImage(const Update& update, const Item& check) {
-  const auto& items = update.Items();
-  return std::any_of(items.begin(), items.end(), [&check](const Item& other) {
-    return other.kind == ItemKind::kImage && other.prefix == check.prefix;
-  });
+  const Item* check = update.Find(ItemKind::kCheck, item.prefix);
+  return check == nullptr ? "" : check->name;
 }
 
 void ReportZero(const Subject& subject, const SizeUse& use) {
@@ -124,7 +113,8 @@ void CheckSize(const Subject& subject, const SizeUse& use) {
 void CheckTargetSizes(const Subject& subject) {
   for (const Item& item : subject.update.Items()) {
     const bool isImage = item.kind == ItemKind::kImage;
-    const bool isLoneCheck = item.kind == ItemKind::kCheck && !HasImage(subject.update, item);
+    const bool isLoneCheck = item.kind == ItemKind::kCheck &&
+                             subject.update.Find(ItemKind::kImage, item.prefix) == nullptr;
     const std::string key = item.Key("targetsize");
     const auto text = subject.update.Value(key);
     if ((isImage || isLoneCheck) && text.has_value()) {

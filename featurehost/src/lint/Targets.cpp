@@ -174,10 +174,7 @@ void CheckImageTarget(const Subject& subject, const Item& item, const Findings::
 }
 
 void CheckComparedTarget(const Subject& subject, const Item& item, const Findings::Place& place) {
-  const auto& items = subject.update.Items();
-  const bool isWritten = std::any_of(items.begin(), items.end(), [&item](const Item& other) {
-    return other.kind == ItemKind::kImage && other.prefix == item.prefix;
-  });
+  const bool isWritten = subject.update.Find(ItemKind::kImage, item.prefix) != nullptr;
   if (isWritten || place.value.empty()) {
     return;
   }

@@ -1,5 +1,6 @@
 #include "featurehost/src/lint/Update.h"
 
+#include <algorithm>
 #include <set>
 #include <utility>
 
@@ -28,6 +29,7 @@ Update::Update(Properties::Values values)
   for (const std::string& name : names_) {
     const std::string prefix = KeyPrefixOf(name);
     if (!prefix.empty() && known.insert(name).second) {
+      places_.emplace(std::pair(KindOfItem(name), prefix), items_.size());
       items_.push_back({name, KindOfItem(name), prefix});
     }
   }
@@ -36,6 +38,11 @@ Update::Update(Properties::Values values)
 std::optional<std::string> Update::Value(const std::string& key) const {
   const auto entry = values_.find(key);
   return entry == values_.end() ? std::nullopt : std::optional<std::string>(entry->second);
+}
+
+const Item* Update::Find(ItemKind kind, const std::string& prefix) const {
+  const auto place = places_.find({kind, prefix});
+  return place == places_.end() ? nullptr : &items_[place->second];
 }
 
 }  // namespace featurehost::lint

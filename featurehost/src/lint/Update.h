@@ -1,7 +1,9 @@
 #pragma once
 
+#include <map>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "featurehost/src/Properties.h"
@@ -33,12 +35,15 @@ class Update {
   const std::vector<std::string>& Weights() const { return weights_; }
   /** Every item that has a name, once, in order; also those that the module drops. */
   const std::vector<Item>& Items() const { return items_; }
+  /** The item of a kind whose keys begin so; null when there is none. */
+  const Item* Find(ItemKind kind, const std::string& prefix) const;
 
  private:
   Properties::Values values_;
   std::vector<std::string> names_;
   std::vector<std::string> weights_;
   std::vector<Item> items_;
+  std::map<std::pair<ItemKind, std::string>, std::size_t> places_;  // in the items
 };
 
 }  // namespace featurehost::lint

@@ -49,12 +49,13 @@ std::unique_ptr<Digest> Digest::OfForm(const std::string& checksum) {
   if (!isHexadecimal) {
     return nullptr;
   }
+  constexpr std::size_t kDigits = 2;  // for each byte
   switch (checksum.size()) {
-    case 2 * MD5_DIGEST_LENGTH:
+    case kDigits* MD5_DIGEST_LENGTH:
       return std::make_unique<Md5>();
-    case 2 * SHA1_DIGEST_LENGTH:
+    case kDigits* SHA1_DIGEST_LENGTH:
       return std::make_unique<Sha1>();
-    case 2 * SHA256_DIGEST_LENGTH:
+    case kDigits* SHA256_DIGEST_LENGTH:
       return std::make_unique<Sha256>();
     default:
       return nullptr;

@@ -65,7 +65,7 @@ void CheckCheck(const Subject& subject, const std::string& name,
   if (image.empty()) {
     subject.findings.Add(Kind::kCheckWithoutName, {name, "", name},
                          "no image is named behind \"check\", so its prepare fails",
-                         "\"check\" and the name of the image, such as \"checkrootfs\"");
+                         "the image's name behind it, such as checkrootfs");
   } else if (before.count(image) == 0 || KindOfItem(image) != ItemKind::kImage) {
     subject.findings.Add(Kind::kCheckWithoutImage, {name, "", name},
                          "no item \"" + image + "\" writes an image before this one: what is " +
@@ -81,7 +81,7 @@ void CheckName(const Subject& subject, const std::string& name,
     subject.findings.Add(Kind::kItemEmpty, {"", "updatelist", subject.update.Text("updatelist")},
                          "a leading or doubled \";\" makes an item without a name, whose prepare "
                          "fails",
-                         "one \";\" between two items");
+                         "one semicolon between two items");
     return;
   }
   if (before.count(name) != 0) {

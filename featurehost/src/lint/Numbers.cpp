@@ -11,7 +11,7 @@ namespace featurehost::lint {
 namespace {
 
 constexpr long long kLargest = std::numeric_limits<std::int32_t>::max();
-constexpr long long kSlow = 1024 * 1024;
+constexpr long long kSlow = 1048576;
 
 /** The number that is copied with, when the text says it properly. */
 std::optional<std::uint64_t> CheckNumber(const Subject& subject, const Item& item,

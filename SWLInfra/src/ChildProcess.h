@@ -23,5 +23,11 @@ bool MoveOntoStandard(int descriptor, int standardDescriptor);
 /** Wait for a child to end, however often signals interrupt. The result is waitpid's. */
 pid_t WaitForEnd(pid_t child, int& status);
 
+/**
+ * Whether a signal sent now would end a child by its default action: the program neither catches
+ * nor ignores it, or has not even been executed. False where the kernel does not tell.
+ */
+bool WouldDieOf(pid_t child, int signal);
+
 /** Close a descriptor, if it is one (not -1), and forget it. */
 void CloseEnd(int& descriptor);

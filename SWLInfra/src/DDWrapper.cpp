@@ -369,11 +369,12 @@ bool CDDWrapper::ReadLine() {
 }
 
 // SIGUSR1 kills a dd that has not set up its handler yet. So the first tick only allows the signal,
-// and from then on each answer allows the next.
+// and from then on each answer allows the next. A machine that is short of time may need more than
+// a tick to start dd: what would be deadly waits for the next one, as a signal that failed.
 void CDDWrapper::AskForProgress() {
   if (iMaySignal != EFalse) {
     // -1 is no process id: kill would take it for every process there is.
-    if (iDDProcess != -1 && kill(iDDProcess, SIGUSR1) == 0) {
+    if (iDDProcess != -1 && !WouldDieOf(iDDProcess, SIGUSR1) && kill(iDDProcess, SIGUSR1) == 0) {
       iMaySignal = EFalse;
       iHasFirstLine = false;  // an odd line was the summary behind the answer before
     }

@@ -7,6 +7,7 @@
 
 #include "tests/lifecycle/LiveHost.h"
 #include "tests/lifecycle/WeightedProgress.h"
+#include "tests/lifecycle/WholeListTest.h"
 #include "tests/support/RecordedLog.h"
 #include "tests/support/SandboxedTest.h"
 #include "tests/support/ScriptedTools.h"
@@ -16,6 +17,7 @@ namespace {
 
 using lifecycle::ExpectedPercentages;
 using lifecycle::LiveHost;
+using lifecycle::WholeListTest;
 using support::RecordedLog;
 using support::Shell;
 using testing::AllOf;
@@ -43,56 +45,6 @@ Usage UsageNow() {
 }
 
 const std::vector<unsigned> kWeights = {60, 25, 10, 3, 2};
-
-/** A complete update of all five kinds of items, with the real tools on the sandbox's cards. */
-class WholeListTest : public support::SandboxedTest {
- protected:
-  void SetUp() override {
-    support::SandboxedTest::SetUp();
-    if (IsSkipped()) {
-      return;
-    }
-    Shell(std::string(MAKE_SAMPLE_UPDATE) + " --files 200 --archive-mib 6 --image-mib 14 " +
-          "--weights '60;25;10;3;2' " + update_);
-    Shell("mkfs.ext3 -q /dev/mmcblk0p1 && mkfs.ext2 -q /dev/mmcblk1p3");
-    ReadProperties();
-  }
-
-  /** The properties of the sample's configuration: its lines of the form key = value. */
-  void ReadProperties() {
-    Shell("sed -nE 's/^([a-z]+) *= *\"?([^\"]*)\"?$/\\1 \\2/p' " + update_ + "/update.toml > " +
-          update_ + "/properties");
-    std::istringstream lines(support::ReadFile(update_ + "/properties"));
-    for (std::string key, value; lines >> key >> value;) {
-      properties_.values[key] = value;
-    }
-    ASSERT_EQ(20U, properties_.values.size());
-  }
-
-  /** The image's decompressor pauses for seconds in the middle, so that its copy can be met. */
-  void SlowImage() {
-    tools_ = std::make_unique<support::ScriptedTools>();
-    tools_->Add("zcat", "/bin/zcat \"$1\" | { head -c 1000000; sleep 3; cat; }");
-  }
-
-  void ExpectEverythingWritten() const {
-    Shell("mount -o ro /dev/mmcblk0p1 " + update_ +
-          "/mnt && diff -r --no-dereference -x lost+found " + update_ + "/tree " + update_ +
-          "/mnt && umount " + update_ + "/mnt");
-    Shell("cmp -n " + properties_.values.at("rootfstargetsize") + " " + update_ +
-          "/rootfs.img /dev/mmcblk1p1");
-    Shell("cmp -n 4096 -i 1024:0 " + update_ + "/factory.bin /dev/mmcblk1p2");
-    Shell("mount -o ro /dev/mmcblk1p3 " + update_ + "/mnt && cmp -n 2048 -i 512:0 " + update_ +
-          "/settings.bin " + update_ + "/mnt/cfg/eol.bin && umount " + update_ + "/mnt");
-  }
-
-  static std::vector<support::LogLine> Log() { return RecordedLog::Instance().Lines(); }
-
-  const std::string update_ =
-      std::string(getenv("SANDBOX_DIR") == nullptr ? "" : getenv("SANDBOX_DIR")) + "/update";
-  support::FakeProperties properties_;
-  std::unique_ptr<support::ScriptedTools> tools_;
-};
 
 TEST_F(WholeListTest, InstallsEveryItemAndReportsWeightedProgress) {
   LiveHost host(properties_);

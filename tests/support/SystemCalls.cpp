@@ -9,8 +9,9 @@
 namespace support {
 
 SystemCalls& SystemCalls::Instance() {
-  static SystemCalls calls;
-  return calls;
+  // Never destroyed: calls are made, by a coverage build's runtime for one, until the process ends.
+  static auto* const calls = new SystemCalls;
+  return *calls;
 }
 
 void SystemCalls::Reset() {
@@ -67,7 +68,12 @@ unsigned __real_sleep(unsigned seconds);
 pid_t __real_fork();
 int __real_pipe2(int* ends, int flags);
 FILE* __real_fdopen(int descriptor, const char* mode);
+FILE* __real_fopen64(const char* path, const char* mode);
 void* __real_malloc(std::size_t size);
+[[noreturn]] void __real__exit(int code);
+
+/** In a coverage build, from its runtime: writes down what has run until now. */
+void __gcov_dump() __attribute__((weak));
 
 int __wrap_kill(pid_t process, int signal) {
   const auto arguments = " " + std::to_string(process) + " " + std::to_string(signal);
@@ -101,6 +107,18 @@ int __wrap_pipe2(int* ends, int flags) {
 
 FILE* __wrap_fdopen(int descriptor, const char* mode) {
   return support::RecordedFailure("fdopen") ? nullptr : __real_fdopen(descriptor, mode);
+}
+
+[[noreturn]] void __wrap__exit(int code) {
+  if (__gcov_dump != nullptr) {
+    __gcov_dump();
+  }
+  __real__exit(code);
+}
+
+// What fopen becomes where files may be large.
+FILE* __wrap_fopen64(const char* path, const char* mode) {
+  return support::SystemCalls::Instance().MustFail("fopen") ? nullptr : __real_fopen64(path, mode);
 }
 
 void* __wrap_malloc(std::size_t size) {

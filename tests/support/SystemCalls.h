@@ -12,7 +12,8 @@ namespace support {
  * the test says so. Otherwise the real ones run. Calls made by libraries do not come through here.
  * One for the process; the fixture resets it.
  *
- * Covered: kill, waitpid, waitid, sleep, fork, pipe2, fdopen, malloc (which is not recorded).
+ * Covered: kill, waitpid, waitid, sleep, fork, pipe2, fdopen; fopen and malloc, which are not
+ * recorded; and _exit, so that a coverage build knows what ran in children.
  */
 class SystemCalls {
  public:

@@ -9,8 +9,7 @@ namespace support {
 enum class Due { KNothing, KTick, KOutput };
 
 /**
- * The timer and the descriptor of one copy, in real time. A period that is much shorter than the
- * host's kills a dd that has not set up its signal handler yet.
+ * The timer and the descriptor of one copy, in real time.
  */
 class Ticks {
  public:

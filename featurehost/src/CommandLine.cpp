@@ -56,8 +56,8 @@ std::optional<Options> ParseCommandLine(int count, const char* const* arguments)
       ->add_flag("--dry-run", options.dryRun, "Only tell what is there to be cleaned up");
 
   app.add_option("--module", options.module,
-                 "The feature module (default: libmaincpuloader.so beside this program, then on "
-                 "the library path)")
+                 "The feature module (default: libmaincpuloader.so beside this program, then "
+                 "the installed one, then on the library path)")
       ->type_name("FILE");
   CLI::Option* feature =
       app.add_option("--feature", options.feature,

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """The featurehost executable, started as a user would, with the real module and with modules that
-misbehave. Needs FEATUREHOST (the executable, the real module beside it) and TEST_MODULES (the
-folder of the modules). Exit status 77: everything was skipped."""
+misbehave. Needs FEATUREHOST (the executable, the real module beside it), TEST_MODULES (the
+folder of the modules) and SYNC_SPY. Exit status 77: everything was skipped."""
 
 import contextlib
 import json
@@ -166,6 +166,15 @@ class Install(HostTestCase):
         self.assertEqual("installing maincpu", result.lines[1])
         self.assertEqual("100 % factorydata", result.lines[-2])
         self.assertRegex(result.lines[-1], r"^installed maincpu in \d+:\d\d$")
+
+    def test_file_systems_are_flushed_before_the_result_is_told(self):
+        self.environment["LD_PRELOAD"] = os.environ["SYNC_SPY"]
+        self.environment["ASAN_OPTIONS"] = "verify_asan_link_order=0"
+        result = self.run_host("install", self.factory_data(), stderr=subprocess.STDOUT)
+        self.assertEqual(SUCCESS, result.code, result)
+        self.assertIn("sync()", result.lines)
+        self.assertRegex(result.lines[-1], "^installed maincpu ")
+        self.assertEqual(1, result.output.count("installed"), result)
 
     def test_prepare_writes_nothing(self):
         result = self.run_host("prepare", self.factory_data())

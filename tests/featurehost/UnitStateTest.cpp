@@ -30,7 +30,7 @@ class UnitStateTest : public HostTest {
   }
 
   UnitState TakeStock(const std::vector<std::string>& points = {}) const {
-    return UnitState(points, folder_ / "eol");
+    return UnitState({points, folder_ / "eol", {}});
   }
 
   /** A child that runs a shell line. */
@@ -171,7 +171,7 @@ TEST_F(UnitStateTest, FolderWithContentIsLeftAndReported) {
 }
 
 TEST_F(UnitStateTest, FolderOfSomeoneElseStays) {
-  const UnitState unit({}, "");
+  const UnitState unit(RunScope{});
   std::filesystem::create_directory(folder_ / "eol");
   EXPECT_THAT(unit.CleanUp(), IsEmpty());
   EXPECT_TRUE(std::filesystem::exists(folder_ / "eol"));

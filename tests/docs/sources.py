@@ -64,6 +64,8 @@ def variants(piece, named):
     """The texts that one piece of a message can be."""
     if piece in named:
         return named[piece]
+    wrapped = re.fullmatch(r'std::string\(("(?:[^"\\]|\\.)*")\)', piece)
+    piece = wrapped[1] if wrapped else piece
     if re.fullmatch(r'("(?:[^"\\]|\\.)*"\s*)+', piece):
         return ["".join(unescaped(literal) for literal in STRING.findall(piece))]
     choice = re.fullmatch(r'\(?[^?"]*\?\s*("(?:[^"\\]|\\.)*")\s*:\s*("(?:[^"\\]|\\.)*")\)?', piece)

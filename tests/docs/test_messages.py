@@ -192,7 +192,7 @@ class ExtractionTest(unittest.TestCase):
     """That the extraction would notice."""
 
     def test_texts_are_put_together(self):
-        pieces = sources.split('"a \\"", b(1, "x"), "c, " "d", e ? "f" : "g"', ",")
+        pieces = sources.split('std::string("a \\""), b(1, "x"), "c, " "d", e ? "f" : "g"', ",")
         self.assertEqual(['a "<>c, df', 'a "<>c, dg'], sources.messages(pieces, {}))
 
     def test_lines_on_standard_error_are_seen(self):

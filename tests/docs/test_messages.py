@@ -34,7 +34,7 @@ HOST_FORMS = (
     (r"\bSay", "Message", None, 0),
     (r"throw HostError", "Message", None, 1),
     (r"\bRefuse", "Message", None, 0),
-    (r"\bFinish", "Message", None, 1),
+    (r"\bFinish(?=\(ExitCode::)", "Message", None, 1),
 )
 
 # What passes on a line that was put together before.

@@ -32,6 +32,9 @@ def default_signals():
 
 
 class HostTestCase(unittest.TestCase):
+    # Most of these are about what the host does with a module, whatever the configuration says.
+    lint = False
+
     def setUp(self):
         self.folder = pathlib.Path(tempfile.mkdtemp(prefix="featurehost-"))
         self.addCleanup(shutil.rmtree, self.folder)
@@ -71,11 +74,15 @@ class HostTestCase(unittest.TestCase):
         tool.chmod(0o755)
         self.environment["PATH"] = f"{tools}:{os.environ['PATH']}"
 
+    def command(self, *arguments):
+        words = [HOST, *map(str, arguments)]
+        return words + ["--no-lint"] if "install" in words and not self.lint else words
+
     def start(self, *arguments, **options):
         settings = dict(stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
                         env=self.environment, cwd=self.folder, preexec_fn=default_signals)
         settings.update(options)
-        process = subprocess.Popen([HOST, *map(str, arguments)], **settings)
+        process = subprocess.Popen(self.command(*arguments), **settings)
         self.addCleanup(self.end, process)
         return process
 
@@ -333,7 +340,7 @@ class BadInput(HostTestCase):
         self.assert_refused(self.run_host("install", path, "--feature", ""), USAGE, "empty")
 
     def test_command_line(self):
-        self.assert_refused(self.run_host(), USAGE, "install, prepare, type or cleanup")
+        self.assert_refused(self.run_host(), USAGE, "install, prepare, lint, type or cleanup")
         self.assert_refused(self.run_host("install"), USAGE, "CONFIG", "--help")
         self.assert_refused(self.run_host("remove", "x"), USAGE, "remove")
         self.assert_refused(self.run_host("install", "x", "--fast"), USAGE, "--fast")
@@ -809,7 +816,7 @@ class LeftMounts(HostTestCase):
         result = subprocess.run(
             ["unshare", *self.namespace(), "sh", "-c",
              before + '"$@"; code=$?; cat /proc/self/mountinfo > mounts; exit $code',
-             "sh", HOST, "install", "update.toml", "--module", module("Leaver")],
+             "sh", *self.command("install", "update.toml", "--module", module("Leaver"))],
             cwd=self.folder, env=self.environment, capture_output=True, check=False,
             timeout=TIME_LIMIT, text=True)
         self.mounts = (self.folder / "mounts").read_text()
@@ -862,7 +869,7 @@ class Terminal(HostTestCase):
         if process == 0:
             default_signals()
             os.chdir(self.folder)
-            os.execve(HOST, [HOST, *map(str, arguments)], self.environment)
+            os.execve(HOST, self.command(*arguments), self.environment)
         screen = b""
         typed = when is None
         end = time.monotonic() + TIME_LIMIT

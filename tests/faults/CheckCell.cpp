@@ -73,7 +73,7 @@ bool CheckCell::TargetIsRight() const {
 }
 
 std::optional<std::size_t> CheckCell::ProgressEvents() const {
-  if (Expected().results.front() == "204 0") {
+  if (Expected().results == std::vector<std::string>{"204 0"}) {
     return static_cast<std::size_t>(TheMoment());
   }
   return std::nullopt;

@@ -34,6 +34,12 @@ std::vector<pid_t> ToolsOfThisProcess(bool zcatIsScripted) {
   return {children.begin(), children.end()};
 }
 
+pid_t HungTool(const std::string& file) {
+  pid_t tool = -1;
+  std::ifstream(file) >> tool;
+  return tool > 0 && NameOf(tool) == "tail" ? tool : -1;
+}
+
 bool HasEnded(pid_t child) {
   siginfo_t end{};
   return waitid(P_PID, static_cast<id_t>(child), &end, WEXITED | WNOHANG | WNOWAIT) != 0 ||

@@ -73,10 +73,7 @@ class FaultsTest : public support::CleanTest, public testing::WithParamInterface
     if (!why.empty()) {
       GTEST_SKIP() << why;
     }
-    // Made here, for every cell.
-    faults::Archive();
-    faults::Image();
-    faults::LargeImage();
+    faults::MakeInputOf(GetParam().kind);
   }
 };
 

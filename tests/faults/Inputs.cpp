@@ -18,9 +18,8 @@ Input Compress(const std::string& plain) {
 
 std::string Tar() {
   const support::TempDir folder;
-  for (unsigned number = 1; number <= 9; ++number) {
-    support::WriteFile(folder / ("file" + std::to_string(number)),
-                       support::RandomBytes(112000, number));
+  for (unsigned number = 1; number <= kArchivedFiles; ++number) {
+    support::WriteFile(folder / ArchivedName(number), ArchivedContent(number));
   }
   support::Shell("cd " + folder.Path() + " && tar cf tar file*");
   return support::ReadFile(folder / "tar");
@@ -41,6 +40,14 @@ const Input& Archive() {
   return archive;
 }
 
+std::string ArchivedName(unsigned number) {
+  return "file" + std::to_string(number);
+}
+
+std::string ArchivedContent(unsigned number) {
+  return support::RandomBytes(112000, number);
+}
+
 const Input& Image() {
   static const Input image = Compress(support::RandomBytes(kMib));
   return image;
@@ -49,6 +56,16 @@ const Input& Image() {
 const Input& LargeImage() {
   static const Input image = Compress(SevenTimes(Image().plain));
   return image;
+}
+
+void MakeInputOf(Kind kind) {
+  if (kind == Kind::kArchive) {
+    Archive();
+  } else if (kind == Kind::kImage) {
+    Image();
+  } else if (kind == Kind::kCheck) {
+    LargeImage();
+  }
 }
 
 }  // namespace faults

@@ -1,14 +1,14 @@
 #include "tests/faults/Outsider.h"
 
-#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <sstream>
 #include <sys/syscall.h>
 #include <unistd.h>
+
+#include "tests/faults/Children.h"
 
 namespace faults {
 
@@ -17,15 +17,13 @@ namespace {
 constexpr std::chrono::milliseconds kLook{5};
 constexpr std::chrono::milliseconds kMoment{20};
 
-/** Whether the main thread sleeps in one of the calls that wait for a tool. */
-bool HostWaitsForATool() {
+/** Whether the main thread sleeps in a read, or in one of the calls that wait for a child's end. */
+bool HostWaits(bool inRead) {
   const std::string self = std::to_string(getpid());
   std::ifstream file("/proc/" + self + "/task/" + self + "/syscall");
   long number = -1;
   file >> number;
-  constexpr long kWaiting[] = {SYS_read, SYS_write, SYS_wait4, SYS_waitid};
-  return file.good() &&
-         std::find(std::begin(kWaiting), std::end(kWaiting), number) != std::end(kWaiting);
+  return inRead ? number == SYS_read : number == SYS_wait4 || number == SYS_waitid;
 }
 
 /** A stopped process of our group; -1 when there is none. */
@@ -79,13 +77,14 @@ void Outsider::Look() {
     std::this_thread::sleep_for(kMoment);
     kill(stopped, SIGCONT);
   }
-  pid_t hung = -1;
-  if (!hungFile_.empty() && (std::ifstream(hungFile_) >> hung) && HostWaitsForATool()) {
-    std::this_thread::sleep_for(kMoment);
-    if (HostWaitsForATool()) {
-      kill(hung, SIGTERM);
-      hungFile_.clear();
-    }
+  if (hungFile_.empty() || !HostWaits(hungIsRead_)) {
+    return;
+  }
+  const pid_t hung = HungTool(hungFile_);
+  std::this_thread::sleep_for(kMoment);
+  if (hung != -1 && HostWaits(hungIsRead_)) {
+    kill(hung, SIGTERM);
+    hungFile_.clear();
   }
 }
 

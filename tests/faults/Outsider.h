@@ -24,8 +24,14 @@ class Outsider {
   void WillContinue(pid_t process) { stopped_ = process; }
   /** Continue, after a moment, every process of this group that is found stopped. */
   void WillContinueWhatStops() { looksForStopped_ = true; }
-  /** End the tool whose process id the file holds, once the calling thread waits for it. */
-  void WillEndWhatHangs(const std::string& file) { hungFile_ = file; }
+  /**
+   * End the tool whose process id the file holds, once the main thread waits for it: for something
+   * to read from it, or for its end.
+   */
+  void WillEndWhatHangs(const std::string& file, bool isRead) {
+    hungFile_ = file;
+    hungIsRead_ = isRead;
+  }
 
   void Start();
   void Finish();
@@ -37,6 +43,7 @@ class Outsider {
   std::atomic<bool> finished_{false};
   bool looksForStopped_ = false;
   std::string hungFile_;
+  bool hungIsRead_ = false;
   std::thread thread_;
 };
 

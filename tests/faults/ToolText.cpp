@@ -20,7 +20,7 @@ std::string WhatHappens(Act act) {
     case Act::kExitLate:
       return "exit 3";
     case Act::kFlood:
-      return "yes 'a line on standard error that nobody has asked for' | head -n 20000 >&2";
+      return "yes 'a line on standard error that nobody has asked for' | head -n 3000 >&2";
     case Act::kTruncate:
       return ": >/tmp/cell/source";
     default:
@@ -31,8 +31,9 @@ std::string WhatHappens(Act act) {
 }  // namespace
 
 std::string ActText(Act act, Role role) {
-  // The tool does not outlive its shell for long, and does nothing more.
-  const std::string happens = role == Role::kShell ? "kill -KILL $PPID; exit" : WhatHappens(act);
+  // The tool outlives its shell, and does nothing more.
+  const std::string happens =
+      role == Role::kShell ? "kill -KILL $PPID; exec tail -f /dev/null" : WhatHappens(act);
   return ": >" + kActed + "\n" + happens + "\n";
 }
 

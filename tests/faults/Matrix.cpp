@@ -256,9 +256,12 @@ const std::vector<Row> kRows = {
      Role::kWriter,
      kNoCall,
      {"s s s s -e", "F F F F -e", "F F F F -e", "F F F F -e", "F/f F/mf F/mf F/mf -e"},
-     "no device mapper here: the image's real dd writes to a terminal whose other side is closed, "
-     "which gives EIO; the read of the check fails with EIO; tar and the commands are scripted to "
-     "end as they do with EIO"},
+     "not made with dm-error or dm-flakey, which need a kernel with device mapper. An image's real "
+     "dd "
+     "writes to a terminal whose other side is closed: the kernel answers EIO. The module's read "
+     "of a "
+     "checked target is made to fail with EIO. tar and the commands are scripted to end as they do "
+     "with EIO"},
     {"source cut to nothing while it is read",
      Act::kTruncate,
      Role::kNone,

@@ -13,7 +13,8 @@ namespace {
 
 constexpr const char* kExitCodes =
     "Exit codes: 0 installed (prepared), 1 the install failed, 2 usage or configuration,\n"
-    "3 the prepare failed, 4 the module cannot be loaded, 130 aborted.";
+    "3 the prepare failed, 4 the module cannot be loaded, 130 aborted.\n"
+    "Of cleanup: 0 nothing is left, 1 something is left, 2 usage.";
 
 CLI::App* AddCommand(CLI::App& app, Options& options, Options::Command command, const char* name,
                      const char* description) {
@@ -43,6 +44,9 @@ std::optional<Options> ParseCommandLine(int count, const char* const* arguments)
                               "Prepare only: check whether everything is there"),
                    options);
   AddCommand(app, options, Options::Command::kType, "type", "Print the module's feature type");
+  AddCommand(app, options, Options::Command::kCleanUp, "cleanup",
+             "Clean up what a killed install has left behind")
+      ->add_flag("--dry-run", options.dryRun, "Only tell what is there to be cleaned up");
 
   app.add_option("--module", options.module,
                  "The feature module (default: libmaincpuloader.so beside this program, then on "
@@ -68,7 +72,7 @@ std::optional<Options> ParseCommandLine(int count, const char* const* arguments)
     throw HostError(ExitCode::kUsage, OneLine(error.what()) + "; see featurehost --help");
   }
   if (app.get_subcommands().empty()) {
-    throw HostError(ExitCode::kUsage, "no command given; say install, prepare or type");
+    throw HostError(ExitCode::kUsage, "no command given; say install, prepare, type or cleanup");
   }
   if (feature->count() > 0) {
     CheckFeatureId(options.feature, "--feature: ");

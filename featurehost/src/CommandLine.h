@@ -9,7 +9,7 @@ namespace featurehost {
 
 /** What the user asked for. */
 struct Options {
-  enum class Command { kInstall, kPrepare, kType };
+  enum class Command { kInstall, kPrepare, kType, kCleanUp };
 
   Command command = Command::kType;
   std::string configuration;  ///< path; of install and prepare
@@ -19,6 +19,7 @@ struct Options {
   std::string logFile;  ///< path; empty for none
   bool json = false;
   bool quiet = false;
+  bool dryRun = false;  ///< of the clean-up
 };
 
 /**

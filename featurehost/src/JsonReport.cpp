@@ -4,6 +4,8 @@
 #include <nlohmann/json.hpp>
 #include <utility>
 
+#include "featurehost/src/JsonLine.h"
+
 namespace featurehost {
 
 namespace {
@@ -14,11 +16,6 @@ const std::map<TUint32, std::string> kEventNames = {
     {EUserEventInstallResult, "install_result"},   {EUserEventInstallProgress, "install_progress"},
     {EUserEventControllerAbort, "abort"},          {EUserEventAbortResult, "abort_result"},
 };
-
-// Ids and paths are bytes; what is not UTF-8 is replaced, so that every line can be parsed.
-std::string Line(const nlohmann::ordered_json& object) {
-  return object.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";
-}
 
 }  // namespace
 
@@ -37,21 +34,15 @@ void JsonReport::Event(const RunEvent& event) {
     object["success"] = *event.success;
   }
   object["elapsed_ms"] = event.elapsed.count();
-  output_.Write(Line(object));
+  output_.Write(JsonLine(object));
 }
 
 void JsonReport::LeftBehind(const std::vector<LeftOver>& leftOvers) {
   nlohmann::ordered_json object;
   object["event"] = "left_behind";
   object["feature"] = featureId_;
-  object["items"] = nlohmann::ordered_json::array();
-  for (const LeftOver& leftOver : leftOvers) {
-    object["items"].push_back({{"kind", KindName(leftOver.kind)},
-                               {"what", leftOver.what},
-                               {"cleaned", leftOver.cleaned},
-                               {"done", leftOver.done}});
-  }
-  output_.Write(Line(object));
+  object["items"] = JsonArray(leftOvers);
+  output_.Write(JsonLine(object));
 }
 
 void JsonReport::Result(const Outcome& outcome) {

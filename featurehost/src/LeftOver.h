@@ -6,15 +6,18 @@ namespace featurehost {
 
 /** Something that a run left behind on the unit. */
 struct LeftOver {
-  enum class Kind { kProcess, kMount, kFolder };
+  enum class Kind { kProcess, kMount, kLoopDevice, kFolder, kNote };
 
   Kind kind;
   std::string what;  ///< names it, with its details
   bool cleaned;
-  std::string done;  ///< what was done about it, or why nothing was
+  std::string done;  ///< what was done about it, or why nothing was; empty when nothing was tried
 };
 
-/** "process", "mount" or "folder". */
+/** "process", "mount", "loop device", "folder" or "note". */
 const char* KindName(LeftOver::Kind kind);
+
+/** Kind and name, as people read it. */
+std::string Describe(const LeftOver& leftOver);
 
 }  // namespace featurehost

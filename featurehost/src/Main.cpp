@@ -3,12 +3,15 @@
 #include <iostream>
 #include <unistd.h>
 
+#include "featurehost/src/CleanUpCommand.h"
 #include "featurehost/src/CommandLine.h"
 #include "featurehost/src/Configuration.h"
 #include "featurehost/src/HostError.h"
+#include "featurehost/src/KilledRuns.h"
 #include "featurehost/src/Log.h"
 #include "featurehost/src/Module.h"
 #include "featurehost/src/Run.h"
+#include "featurehost/src/RunScope.h"
 #include "featurehost/src/Text.h"
 
 namespace {
@@ -32,13 +35,21 @@ ExitCode PrintType(const Options& options) {
   return ExitCode::kSuccess;
 }
 
+/** What speaks against an install before it is begun. Throws HostError. */
+void CheckBeforeInstall(const featurehost::Properties& properties) {
+  featurehost::RefuseBesideOtherRuns(featurehost::ScopeOf(properties));
+}
+
 ExitCode RunUpdate(const Options& options) {
   const auto configuration = featurehost::Configuration::Load(options.configuration);
   const TFeatureId& featureId = configuration.Choose(options.feature);
   const auto goal = options.command == Options::Command::kInstall ? featurehost::Goal::kInstall
                                                                   : featurehost::Goal::kPrepare;
-  return featurehost::Run(
-      {goal, options.module, featureId, configuration.Of(featureId), options.json, options.quiet});
+  if (goal == featurehost::Goal::kInstall) {
+    CheckBeforeInstall({featureId, configuration.Of(featureId)});
+  }
+  return featurehost::Run({goal, options.module, featureId, configuration.Of(featureId),
+                           options.configuration, options.json, options.quiet});
 }
 
 ExitCode Obey(const Options& options) {
@@ -48,7 +59,16 @@ ExitCode Obey(const Options& options) {
   if (!options.logFile.empty()) {
     log.OpenFile(options.logFile);
   }
-  return options.command == Options::Command::kType ? PrintType(options) : RunUpdate(options);
+  switch (options.command) {
+    case Options::Command::kType:
+      return PrintType(options);
+    case Options::Command::kCleanUp:
+      return featurehost::CleanUpKilledRuns({options.dryRun, options.json, options.quiet});
+    case Options::Command::kInstall:
+    case Options::Command::kPrepare:
+      break;
+  }
+  return RunUpdate(options);
 }
 
 }  // namespace

@@ -1,6 +1,5 @@
 #include "featurehost/src/Run.h"
 
-#include <algorithm>
 #include <cstring>
 #include <functional>
 #include <iostream>
@@ -16,9 +15,12 @@
 #include "featurehost/src/JsonReport.h"
 #include "featurehost/src/Log.h"
 #include "featurehost/src/Module.h"
+#include "featurehost/src/NotedRun.h"
 #include "featurehost/src/Output.h"
 #include "featurehost/src/PlainLines.h"
 #include "featurehost/src/ProgressBar.h"
+#include "featurehost/src/RunNote.h"
+#include "featurehost/src/RunScope.h"
 #include "featurehost/src/SharedTerminal.h"
 #include "featurehost/src/ToolOutput.h"
 #include "featurehost/src/UnitState.h"
@@ -34,27 +36,6 @@ class NoInterfaces : public IInterfaceBroker {};
 
 Items ItemsOf(const Properties& properties) {
   return {properties.Text("updatelist"), properties.Text("updateprogresslist")};
-}
-
-/**
- * The folder that the item "eolsettings" mounts on, made and removed by it. Without such an item
- * it belongs to someone else.
- */
-std::string EndOfLineFolder(const Properties& properties) {
-  const auto items = ItemsOf(properties).Names();
-  const bool used = std::find(items.begin(), items.end(), "eolsettings") != items.end();
-  return used ? "/tmp/eolmountpoint" : "";
-}
-
-std::vector<std::string> MountPoints(const Properties& properties) {
-  std::vector<std::string> points;
-  for (const std::string& item : ItemsOf(properties).Names()) {
-    const std::string point = properties.Text(item + "mountpoint");
-    if (!point.empty()) {
-      points.push_back(point);
-    }
-  }
-  return points;
 }
 
 std::unique_ptr<RunReport> MakeReport(const RunRequest& request, const Properties& properties,
@@ -83,8 +64,7 @@ void Say(const std::string& line) {
 
 void SayWhatWasLeft(const std::vector<LeftOver>& leftOvers) {
   for (const LeftOver& leftOver : leftOvers) {
-    Say("left behind: " + std::string(KindName(leftOver.kind)) + " " + leftOver.what + ": " +
-        leftOver.done);
+    Say("left behind: " + Describe(leftOver) + ": " + leftOver.done);
   }
 }
 
@@ -130,10 +110,13 @@ Outcome HostOnTerminal(const RunRequest& request, const Properties& properties, 
 }
 
 ExitCode RunInThisProcess(const RunRequest& request, const Properties& properties,
-                          ToolOutput* tools) {
+                          ToolOutput* tools, NotedRun* note) {
   SurviveClosedPipes();
+  if (note != nullptr) {
+    note->AddWorker();
+  }
   Output output(SeparateStandardOutput());
-  const UnitState unit(MountPoints(properties), EndOfLineFolder(properties));
+  const UnitState unit(ScopeOf(properties));
   const auto report = MakeReport(request, properties, output);
 
   Outcome outcome{ExitCode::kAborted, "", std::nullopt, {}};
@@ -149,6 +132,9 @@ ExitCode RunInThisProcess(const RunRequest& request, const Properties& propertie
     SayWhatWasLeft(leftOvers);
     report->LeftBehind(leftOvers);
   }
+  if (note != nullptr) {
+    note->Remove();  // the front may have been killed
+  }
   report->Result(outcome);
   if (outcome.code != ExitCode::kSuccess) {
     Say(outcome.text);
@@ -160,7 +146,12 @@ ExitCode RunInThisProcess(const RunRequest& request, const Properties& propertie
 
 ExitCode Run(const RunRequest& request) {
   const Properties properties(request.featureId, request.properties);
-  const UnitState unit(MountPoints(properties), EndOfLineFolder(properties));
+  const RunScope scope = ScopeOf(properties);
+  const UnitState unit(scope);
+  std::optional<NotedRun> note;
+  if (request.goal == Goal::kInstall) {
+    note.emplace(NewNote(request.featureId, request.configuration, scope, unit.Before()));
+  }
   ToolOutput tools;
   const bool sharesTerminal = SharesTerminal(request);
   const bool keepsToolOutput = sharesTerminal && tools.Open();
@@ -182,8 +173,9 @@ ExitCode Run(const RunRequest& request) {
                                                            : ExitCode::kPrepareFailed);
   };
   const auto work = [&] {
-    return static_cast<int>(
-        RunInThisProcess(request, properties, keepsToolOutput ? &tools : nullptr));
+    return static_cast<int>(RunInThisProcess(request, properties,
+                                             keepsToolOutput ? &tools : nullptr,
+                                             note.has_value() ? &*note : nullptr));
   };
   return static_cast<ExitCode>(DoBehindForeground(work, duties));
 }

@@ -14,6 +14,7 @@ struct RunRequest {
   std::string module;  ///< path; empty for the standard one
   TFeatureId featureId;
   Properties::Values properties;
+  std::string configuration;  ///< path of the file, for the note of the run
   bool json;
   bool quiet;
 };
@@ -22,7 +23,8 @@ struct RunRequest {
  * Host the feature from loading the module to unloading it, and leave the unit tidy.
  *
  * Nothing is shown as done before the file systems are flushed and the module is gone. Throws
- * HostError when the module cannot be loaded; nothing has been started then.
+ * HostError when the module cannot be loaded, or when another install is at work on the same
+ * targets; nothing has been started then.
  */
 ExitCode Run(const RunRequest& request);
 

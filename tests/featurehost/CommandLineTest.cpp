@@ -41,6 +41,9 @@ TEST_F(CommandLineTest, CommandsAndDefaults) {
   EXPECT_FALSE(install.quiet);
   EXPECT_EQ(Options::Command::kPrepare, Parse({"prepare", "x"})->command);
   EXPECT_EQ(Options::Command::kType, Parse({"type"})->command);
+  EXPECT_EQ(Options::Command::kCleanUp, Parse({"cleanup"})->command);
+  EXPECT_FALSE(Parse({"cleanup"})->dryRun);
+  EXPECT_TRUE(Parse({"cleanup", "--dry-run"})->dryRun);
 }
 
 TEST_F(CommandLineTest, OptionsStandBeforeOrBehindTheCommand) {
@@ -72,7 +75,7 @@ TEST_F(CommandLineTest, HelpAndVersionAreNoRun) {
 }
 
 TEST_F(CommandLineTest, WrongUseIsOneLineThatTellsWhereToLook) {
-  EXPECT_EQ("no command given; say install, prepare or type", Error({}));
+  EXPECT_EQ("no command given; say install, prepare, type or cleanup", Error({}));
   EXPECT_THAT(Error({"install"}), HasSubstr("CONFIG"));
   EXPECT_THAT(Error({"remove", "x"}), HasSubstr("remove"));
   EXPECT_THAT(Error({"install", "a", "b"}), HasSubstr("b"));
@@ -80,6 +83,8 @@ TEST_F(CommandLineTest, WrongUseIsOneLineThatTellsWhereToLook) {
   EXPECT_THAT(Error({"install", "a", "--module"}), HasSubstr("--module"));
   EXPECT_THAT(Error({"install", "a", "--log-level", "loud"}), HasSubstr("loud"));
   EXPECT_THAT(Error({"type", "prepare", "a"}), Not(HasSubstr("no error")));
+  EXPECT_THAT(Error({"install", "a", "--dry-run"}), HasSubstr("--dry-run"));
+  EXPECT_THAT(Error({"cleanup", "a"}), HasSubstr("a"));
   EXPECT_THAT(Error({"install"}), EndsWith("; see featurehost --help"));
 }
 

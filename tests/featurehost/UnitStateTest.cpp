@@ -30,7 +30,7 @@ class UnitStateTest : public HostTest {
   }
 
   UnitState TakeStock(const std::vector<std::string>& points = {}) const {
-    return UnitState(points, folder_ / "eol");
+    return UnitState({points, folder_ / "eol", {}});
   }
 
   /** A child that runs a shell line. */
@@ -94,7 +94,7 @@ TEST_F(UnitStateTest, NothingNewIsNothingLeft) {
 
 TEST_F(UnitStateTest, ChildIsEndedAndReaped) {
   const UnitState unit = TakeStock();
-  const pid_t child = Spawn("touch '" + folder_ / "up" + "'; exec sleep 60");
+  const pid_t child = Spawn(": >'" + folder_ / "up" + "'; exec sleep 60");
   ASSERT_TRUE(Appears(folder_ / "up"));
   while (support::ReadFile("/proc/" + std::to_string(child) + "/comm") != "sleep\n") {
     usleep(1000);
@@ -110,7 +110,7 @@ TEST_F(UnitStateTest, ChildIsEndedAndReaped) {
 
 TEST_F(UnitStateTest, ChildThatDoesNotListenIsKilled) {
   const UnitState unit = TakeStock();
-  Spawn("trap '' TERM; touch '" + folder_ / "up" + "'; while :; do sleep 1; done");
+  Spawn("trap '' TERM; : >'" + folder_ / "up" + "'; while :; do sleep 1; done");
   ASSERT_TRUE(Appears(folder_ / "up"));
 
   const auto found = unit.CleanUp();
@@ -175,7 +175,7 @@ TEST_F(UnitStateTest, FolderWithContentIsLeftAndReported) {
 }
 
 TEST_F(UnitStateTest, FolderOfSomeoneElseStays) {
-  const UnitState unit({}, "");
+  const UnitState unit(RunScope{});
   std::filesystem::create_directory(folder_ / "eol");
   EXPECT_THAT(unit.CleanUp(), IsEmpty());
   EXPECT_TRUE(std::filesystem::exists(folder_ / "eol"));
@@ -230,7 +230,7 @@ TEST_F(UnitStateMountTest, ProcessMountAndFolderAreCleanedInThisOrder) {
   const UnitState unit = TakeStock();
   std::filesystem::create_directory(folder_ / "eol");
   Mount(std::filesystem::canonical(folder_ / "eol"));
-  Spawn("cd '" + folder_ / "eol" + "'; touch '" + folder_ / "up" + "'; exec sleep 60");
+  Spawn("cd '" + folder_ / "eol" + "'; : >'" + folder_ / "up" + "'; exec sleep 60");
   ASSERT_TRUE(Appears(folder_ / "up"));
 
   std::vector<std::string> done;

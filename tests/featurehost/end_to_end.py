@@ -35,7 +35,7 @@ class HostTestCase(unittest.TestCase):
     def setUp(self):
         self.folder = pathlib.Path(tempfile.mkdtemp(prefix="featurehost-"))
         self.addCleanup(shutil.rmtree, self.folder)
-        self.environment = dict(os.environ)
+        self.environment = dict(os.environ, FEATUREHOST_RUN_DIR=str(self.folder / "runs"))
         self.children_before = children()
 
     def tearDown(self):
@@ -130,6 +130,13 @@ def children(of=None):
 
 def module(name):
     return str(MODULES / f"{name}.so")
+
+
+def state(process):
+    """The letter of a process's state; empty when it is gone."""
+    with contextlib.suppress(OSError):
+        return pathlib.Path(f"/proc/{process}/stat").read_text().rsplit(")", 1)[1].split()[0]
+    return ""
 
 
 def processes_with(text):
@@ -317,7 +324,7 @@ class BadInput(HostTestCase):
         self.assert_refused(self.run_host("install", path, "--feature", ""), USAGE, "empty")
 
     def test_command_line(self):
-        self.assert_refused(self.run_host(), USAGE, "install, prepare or type")
+        self.assert_refused(self.run_host(), USAGE, "install, prepare, type or cleanup")
         self.assert_refused(self.run_host("install"), USAGE, "CONFIG", "--help")
         self.assert_refused(self.run_host("remove", "x"), USAGE, "remove")
         self.assert_refused(self.run_host("install", "x", "--fast"), USAGE, "--fast")
@@ -602,6 +609,22 @@ class LeftBehind(HostTestCase):
         self.assertIn(b"left behind: process ", errors)
         self.assertEqual([], processes_with(f"sleep\0{marker}"))
 
+    def test_child_of_a_run_that_was_not_waited_for_is_ended(self):
+        marker = f"9{os.getpid()}"
+        process = self.start("install", self.configuration(
+            {"command": f"exec sleep {marker}", "end": "never", "acknowledge": "no"}),
+            "--module", module("Leaver"), "--json")
+        while json.loads(process.stdout.readline())["code"] != 205:
+            pass
+        process.send_signal(signal.SIGINT)
+        self.assertEqual(206, json.loads(process.stdout.readline())["code"])
+        process.send_signal(signal.SIGINT)
+        output, errors = process.communicate(timeout=TIME_LIMIT)
+        self.assertEqual(ABORTED, process.returncode, errors)
+        self.assertIn(b"without waiting", errors)
+        self.assertIn(b"left behind: process ", errors)
+        self.assertEqual([], processes_with(f"sleep\0{marker}"))
+
     def test_crash_of_the_module_is_told(self):
         result = self.run_leaver(end="crash")
         self.assertEqual(INSTALL_FAILED, result.code, result)
@@ -612,6 +635,147 @@ class LeftBehind(HostTestCase):
         result = self.run_leaver(subscription="yes", end="success")
         self.assertEqual(SUCCESS, result.code, result)
         self.assertIn("the module left 1 subscriptions behind", result.errors)
+
+
+class Killed(HostTestCase):
+    """SIGKILL of the front, of the process that works, and of both."""
+
+    def setUp(self):
+        super().setUp()
+        self.marker = f"5{os.getpid()}"
+        self.runs = self.folder / "runs"
+
+    def start_leaver(self, **properties):
+        """A run that never ends, once its child is there."""
+        process = self.start(
+            "install",
+            self.configuration({"command": f"exec sleep {self.marker}", "end": "never",
+                                **properties}),
+            "--module", module("Leaver"), "--json")
+        while json.loads(process.stdout.readline())["code"] != 205:
+            pass
+        self.wait_for(self.left, "the child")
+        self.addCleanup(self.end_left)
+        return process, int(children(process.pid)[0])
+
+    def left(self):
+        return processes_with(f"sleep\0{self.marker}")
+
+    def end_left(self):
+        for process in self.left():
+            os.kill(process, signal.SIGKILL)
+
+    def kill_both(self, process, worker):
+        """Stopped first, so that neither can do anything about the other's end."""
+        for number in (process.pid, worker):
+            os.kill(number, signal.SIGSTOP)
+            self.wait_for(lambda number=number: state(number) == "T", "the stop")
+        os.kill(process.pid, signal.SIGKILL)
+        os.kill(worker, signal.SIGKILL)
+        process.wait(TIME_LIMIT)
+        self.wait_for(lambda: state(worker) in ("Z", ""), "the end of the run")
+
+    def killed_run(self, **properties):
+        self.kill_both(*self.start_leaver(**properties))
+        self.assertEqual(1, len(self.left()))
+        return self.left()[0]
+
+    def notes(self):
+        return list(self.runs.iterdir())
+
+    def test_next_install_refuses_until_it_is_cleaned_up(self):
+        left = self.killed_run()
+        refused = self.run_host("install", self.factory_data())
+        self.assert_refused(refused, USAGE, "an install of feature 'maincpu' was killed",
+                            f"process {left} (sleep {self.marker})", "run featurehost cleanup")
+        self.assertEqual(b"", self.target.read_bytes())
+        self.assertEqual([left], self.left())
+
+        result = self.run_host("cleanup")
+        self.assertEqual(SUCCESS, result.code, result)
+        self.assertIn(f"process {left} (sleep {self.marker}): ended", result.lines)
+        self.assertEqual([], self.left())
+        self.assertEqual([], self.notes())
+
+        result = self.run_host("cleanup")
+        self.assertEqual((SUCCESS, ["nothing to clean up"]), (result.code, result.lines))
+        self.assertEqual(SUCCESS, self.run_host("install", self.factory_data()).code)
+
+    def test_prepare_is_not_refused(self):
+        self.killed_run()
+        self.assertEqual(SUCCESS, self.run_host("prepare", self.factory_data()).code)
+
+    def test_clean_up_can_be_tried_without_doing_it(self):
+        left = self.killed_run()
+        result = self.run_host("cleanup", "--dry-run", "--json")
+        self.assertEqual(1, result.code, result)
+        self.assertEqual("maincpu", result.events()[0]["feature"])
+        self.assertEqual(
+            [{"kind": "process", "what": f"{left} (sleep {self.marker})", "cleaned": False,
+              "done": "to be cleaned up"}], result.events()[0]["items"])
+        self.assertEqual([left], self.left())
+
+    def test_clean_up_tells_in_json(self):
+        self.killed_run()
+        result = self.run_host("cleanup", "--json", "--quiet")
+        self.assertEqual(SUCCESS, result.code, result)
+        self.assertEqual([True], [item["cleaned"] for item in result.events()[0]["items"]])
+        self.assertEqual([], self.left())
+
+    def test_process_that_does_not_listen_is_killed(self):
+        marker = f"{self.marker}4"
+        self.kill_both(*self.start_leaver(
+            command=f"trap '' TERM; while :; do sleep {marker}; done"))
+        result = self.run_host("cleanup")
+        self.assertEqual(SUCCESS, result.code, result)
+        self.assertIn(": killed", result.output)
+        self.assertEqual([], self.left())
+
+    def test_kill_of_the_working_process_alone_is_cleaned_up_by_the_front(self):
+        process, worker = self.start_leaver()
+        os.kill(worker, signal.SIGKILL)
+        _, errors = process.communicate(timeout=TIME_LIMIT)
+        self.assertEqual(INSTALL_FAILED, process.returncode, errors)
+        self.assertIn(b"left behind: process ", errors)
+        self.assertIn(b"signal 9", errors)
+        self.assertEqual(([], []), (self.left(), self.notes()))
+
+    def test_kill_of_the_front_alone_is_cleaned_up_by_the_working_process(self):
+        process, worker = self.start_leaver()
+        process.kill()
+        _, errors = process.communicate(timeout=TIME_LIMIT)  # until the worker has closed it
+        self.assertIn(b"left behind: process ", errors)
+        self.wait_for(lambda: state(worker) in ("Z", ""), "the end of the run")
+        self.assertEqual(([], []), (self.left(), self.notes()))
+
+    def test_second_install_on_the_same_target_is_refused_while_the_first_runs(self):
+        path = self.factory_data()
+        process, _ = self.start_leaver(updatelist="a", updateprogresslist="1",
+                                       atarget=str(self.target))
+        (self.folder / "second").mkdir()
+        second = self.write("second/update.toml", path.read_text())
+        second.write_text('[maincpu]\nupdatelist = "b"\nupdateprogresslist = "1"\n'
+                          f'btarget = "{self.target}"\n')
+        self.assert_refused(self.run_host("install", second), USAGE,
+                            f"process {process.pid} is installing feature 'maincpu'")
+        second.write_text(second.read_text().replace("device", "elsewhere"))
+        result = self.run_host("install", second, "--module", module("Leaver"))
+        self.assertNotIn("is installing", result.errors)
+        result = self.run_host("cleanup")
+        self.assertEqual(SUCCESS, result.code, result)
+        self.assertIn(f"process {process.pid} is installing feature 'maincpu'; left alone",
+                      result.lines)
+        self.assertEqual(1, len(self.left()))
+        process.terminate()
+        process.communicate(timeout=TIME_LIMIT)
+
+    def test_run_leaves_no_note(self):
+        for end, code in (("success", SUCCESS), ("failure", INSTALL_FAILED),
+                          ("crash", INSTALL_FAILED)):
+            result = self.run_host("install", self.configuration({"end": end}), "--module",
+                                   module("Leaver"))
+            self.assertEqual(code, result.code, result)
+            self.assertEqual([], self.notes())
 
 
 class LeftMounts(HostTestCase):
@@ -632,11 +796,13 @@ class LeftMounts(HostTestCase):
     def run_apart(self, before="", **properties):
         """Run in the namespace, after a shell line; keeps what is mounted then."""
         self.configuration({"end": "success", **properties})
+        self.environment["FEATUREHOST_RUN_DIR"] = "runs"  # reached also when /tmp is another one
         result = subprocess.run(
             ["unshare", *self.namespace(), "sh", "-c",
              before + '"$@"; code=$?; cat /proc/self/mountinfo > mounts; exit $code',
              "sh", HOST, "install", "update.toml", "--module", module("Leaver")],
-            cwd=self.folder, capture_output=True, check=False, timeout=TIME_LIMIT, text=True)
+            cwd=self.folder, env=self.environment, capture_output=True, check=False,
+            timeout=TIME_LIMIT, text=True)
         self.mounts = (self.folder / "mounts").read_text()
         return Result(result.returncode, result.stdout, result.stderr)
 

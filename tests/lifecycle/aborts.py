@@ -5,19 +5,14 @@ Needs FEATUREHOST (the executable) and MAKE_SAMPLE_UPDATE. Exit status 77: every
 
 import json
 import os
-import pathlib
-import shutil
 import signal
 import subprocess
 import sys
 import time
 import unittest
 
-SUCCESS, ABORTED = 0, 130
-TIME_LIMIT = 60
-EOL_MOUNT_POINT = "/tmp/eolmountpoint"
+from whole_update import ABORTED, SUCCESS, TIME_LIMIT, WholeUpdateTestCase
 
-# One process, so that ending it leaves nothing of the script's own.
 SLOW_ZCAT = """
 import gzip, shutil, sys, time
 with gzip.open(sys.argv[1]) as source:
@@ -29,46 +24,10 @@ with gzip.open(sys.argv[1]) as source:
 """
 
 
-def shell(line):
-    subprocess.run(["sh", "-c", line], check=True)
-
-
-def mounts():
-    lines = pathlib.Path("/proc/self/mountinfo").read_text().splitlines()
-    return sorted(line.split()[4] for line in lines)
-
-
-def children():
-    return pathlib.Path(f"/proc/{os.getpid()}/task/{os.getpid()}/children").read_text().split()
-
-
-@unittest.skipUnless(os.environ.get("SANDBOX"), "not run by scripts/sandbox")
-class AbortOfAWholeUpdate(unittest.TestCase):
-    def setUp(self):
-        self.update = pathlib.Path(os.environ["SANDBOX_DIR"]) / "update"
-        self.tools = pathlib.Path(os.environ["SANDBOX_DIR"]) / "tools"
-        self.tools.mkdir()
-        self.addCleanup(shutil.rmtree, self.tools)
-        self.environment = {**os.environ, "PATH": f"{self.tools}:{os.environ['PATH']}"}
-        shell(f"{os.environ['MAKE_SAMPLE_UPDATE']} --files 100 --archive-mib 48 --image-mib 14 "
-              f"{self.update}")
-        self.addCleanup(shutil.rmtree, self.update)
-        shell("mkfs.ext3 -q -F /dev/mmcblk0p1 && mkfs.ext2 -q -F /dev/mmcblk1p3")
-        self.mounts_before = mounts()
-
-    def script(self, name, body, interpreter="/bin/sh"):
-        tool = self.tools / name
-        tool.write_text(f"#!{interpreter}\n{body}\n")
-        tool.chmod(0o755)
-        return tool
-
+class AbortOfAWholeUpdate(WholeUpdateTestCase):
     def slow_image(self):
         """Both decompressions of the image, for the copy and for the check, pause in the middle."""
-        slow = self.script("slow-zcat", SLOW_ZCAT, sys.executable)
-        zcat = os.path.realpath("/bin/zcat")
-        shell(f"mount --bind {slow} {zcat}")
-        self.addCleanup(shell, f"umount {zcat}")
-        self.mounts_before = mounts()
+        self.cover_zcat(SLOW_ZCAT)
 
     def abort_when(self, condition, after=0):
         """Install, abort at the first event that the condition takes (so many seconds after it, where
@@ -106,11 +65,6 @@ class AbortOfAWholeUpdate(unittest.TestCase):
         return [f"{event.get('code', event['event'])}"
                 + (f" {int(event['success'])}" if "success" in event else "")
                 for event in events if event.get("code") != 205]
-
-    def assert_unit_is_tidy(self):
-        self.assertEqual(self.mounts_before, mounts())
-        self.assertEqual([], children())
-        self.assertFalse(os.path.exists(EOL_MOUNT_POINT))
 
     def test_during_the_archive_what_the_module_leaves_is_told_and_cleaned(self):
         events = self.abort_when(self.progress_from(1))

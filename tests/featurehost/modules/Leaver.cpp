@@ -8,7 +8,7 @@
 /**
  * Leaves behind what its properties tell: a child that runs "command", a mount on "amountpoint",
  * the folder "/tmp/eolmountpoint", a subscription. Ends as "end" tells: "success", "failure",
- * "crash" or "never".
+ * "crash" or "never". Does not acknowledge an abort if "acknowledge" is "no".
  */
 class Leaver : public Feature {
  public:
@@ -33,6 +33,12 @@ class Leaver : public Feature {
     }
     PostProgress(50);
     End(Property("end"));
+  }
+
+  void Abort() override {
+    if (Property("acknowledge") != "no") {
+      Feature::Abort();
+    }
   }
 
  private:

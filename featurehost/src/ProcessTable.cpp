@@ -1,0 +1,135 @@
+#include "featurehost/src/ProcessTable.h"
+
+#include <algorithm>
+#include <cctype>
+#include <csignal>
+#include <dirent.h>
+#include <memory>
+#include <sstream>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "featurehost/src/Paths.h"
+#include "featurehost/src/Text.h"
+#include "featurehost/src/WaitUntil.h"
+
+namespace featurehost {
+
+namespace {
+
+struct FolderCloser {
+  void operator()(DIR* folder) const { closedir(folder); }
+};
+
+struct ProcessStatus {
+  char state = 'X';
+  pid_t parent = 0;
+  unsigned long long start = 0;
+};
+
+/** From /proc/PID/stat, behind the name, which may hold any character. */
+ProcessStatus StatusOf(pid_t process) {
+  constexpr int kBetweenParentAndStart = 17;
+  const std::string text = ReadText("/proc/" + std::to_string(process) + "/stat");
+  const auto nameEnd = text.rfind(')');
+  ProcessStatus status;
+  if (nameEnd != std::string::npos) {
+    std::istringstream fields(text.substr(nameEnd + 1));
+    fields >> status.state >> status.parent;
+    std::string skipped;
+    for (int field = 0; field < kBetweenParentAndStart; ++field) {
+      fields >> skipped;
+    }
+    fields >> status.start;
+  }
+  return status;
+}
+
+std::set<pid_t> AllProcesses() {
+  std::set<pid_t> processes;
+  const std::unique_ptr<DIR, FolderCloser> folder(opendir("/proc"));
+  if (folder == nullptr) {
+    return processes;
+  }
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): there is one thread
+  while (const dirent* entry = readdir(folder.get())) {
+    const std::string name(static_cast<const char*>(entry->d_name));
+    if (std::isdigit(static_cast<unsigned char>(name[0])) != 0) {
+      processes.insert(std::stoi(name));
+    }
+  }
+  return processes;
+}
+
+bool Reap(pid_t child) {
+  return waitpid(child, nullptr, WNOHANG) != 0;
+}
+
+std::string End(pid_t process, const std::function<bool()>& isGone) {
+  kill(process, SIGTERM);
+  if (WaitUntil(isGone)) {
+    return "ended";
+  }
+  kill(process, SIGKILL);
+  return WaitUntil(isGone) ? "killed" : "";
+}
+
+}  // namespace
+
+ProcessName NameOf(pid_t process) {
+  return {process, StatusOf(process).start};
+}
+
+bool IsAlive(const ProcessName& process) {
+  const ProcessStatus status = StatusOf(process.id);
+  return status.start == process.start && status.state != 'Z' && status.state != 'X';
+}
+
+std::set<pid_t> Children() {
+  std::set<pid_t> children;
+  for (const pid_t process : AllProcesses()) {
+    if (StatusOf(process).parent == getpid()) {
+      children.insert(process);
+    }
+  }
+  return children;
+}
+
+std::set<ProcessName> ProcessesWith(const std::string& entry) {
+  std::set<ProcessName> found;
+  for (const pid_t process : AllProcesses()) {
+    // The name comes first: should the number change hands in between, it fits no process.
+    const ProcessName name = NameOf(process);
+    const std::string environment =
+        '\0' + ReadText("/proc/" + std::to_string(process) + "/environ") + '\0';
+    if (process != getpid() && environment.find('\0' + entry + '\0') != std::string::npos &&
+        IsAlive(name)) {
+      found.insert(name);
+    }
+  }
+  return found;
+}
+
+std::string DescribeProcess(pid_t process) {
+  const std::string processId = std::to_string(process);
+  std::string command = ReadText("/proc/" + processId + "/cmdline");
+  if (command.empty()) {
+    command = ReadText("/proc/" + processId + "/comm");
+  }
+  while (!command.empty() && (command.back() == '\0' || command.back() == '\n')) {
+    command.pop_back();
+  }
+  std::replace(command.begin(), command.end(), '\0', ' ');
+  return processId + " (" + OneLine(command) + ")";
+}
+
+std::string EndChild(pid_t child) {
+  return Reap(child) ? "had ended; reaped" : End(child, [child] { return Reap(child); });
+}
+
+std::string EndStranger(const ProcessName& process) {
+  const auto isGone = [&process] { return !IsAlive(process); };
+  return isGone() ? "had ended" : End(process.id, isGone);
+}
+
+}  // namespace featurehost

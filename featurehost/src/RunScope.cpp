@@ -1,0 +1,85 @@
+#include "featurehost/src/RunScope.h"
+
+#include <algorithm>
+#include <cctype>
+
+#include "featurehost/src/Items.h"
+#include "featurehost/src/Paths.h"
+
+namespace featurehost {
+
+namespace {
+
+constexpr const char* kEndOfLineItem = "eolsettings";
+constexpr const char* kEndOfLineFolder = "/tmp/eolmountpoint";
+
+bool Holds(const std::vector<std::string>& paths, const std::string& path) {
+  return std::any_of(paths.begin(), paths.end(),
+                     [&path](const std::string& own) { return Canonical(own) == path; });
+}
+
+/** Whether a name is that of a partition on the disk: "sda1" on "sda", "mmcblk0p1" on "mmcblk0". */
+bool IsPartition(const std::string& name, const std::string& disk) {
+  if (disk.empty() || name.compare(0, disk.size(), disk) != 0) {
+    return false;
+  }
+  std::string rest = name.substr(disk.size());
+  const bool endsWithDigit = std::isdigit(static_cast<unsigned char>(disk.back())) != 0;
+  if (endsWithDigit && (rest.empty() || rest[0] != 'p')) {
+    return false;
+  }
+  rest.erase(0, endsWithDigit ? 1 : 0);
+  return !rest.empty() && std::all_of(rest.begin(), rest.end(), [](unsigned char character) {
+    return std::isdigit(character) != 0;
+  });
+}
+
+bool SharesStorage(const std::string& one, const std::string& other) {
+  return one == other || IsPartition(one, other) || IsPartition(other, one);
+}
+
+}  // namespace
+
+bool RunScope::HasMountPoint(const std::string& path) const {
+  return Holds(mountPoints, path) || (!folder.empty() && Canonical(folder) == path);
+}
+
+bool RunScope::HasTarget(const std::string& path) const {
+  return Holds(targets, path);
+}
+
+bool RunScope::Meets(const RunScope& other) const {
+  const auto isMountPointThere = [&other](const std::string& point) {
+    return other.HasMountPoint(Canonical(point));
+  };
+  const auto isTargetThere = [&other](const std::string& target) {
+    const std::string path = Canonical(target);
+    return std::any_of(
+        other.targets.begin(), other.targets.end(),
+        [&path](const std::string& another) { return SharesStorage(path, Canonical(another)); });
+  };
+  return std::any_of(mountPoints.begin(), mountPoints.end(), isMountPointThere) ||
+         (!folder.empty() && isMountPointThere(folder)) ||
+         std::any_of(targets.begin(), targets.end(), isTargetThere);
+}
+
+RunScope ScopeOf(const Properties& properties) {
+  RunScope scope;
+  const Items items{properties.Text("updatelist"), properties.Text("updateprogresslist")};
+  for (const std::string& item : items.Names()) {
+    const std::string point = properties.Text(item + "mountpoint");
+    const std::string target = properties.Text(item + "target");
+    if (!point.empty()) {
+      scope.mountPoints.push_back(point);
+    }
+    if (!target.empty()) {
+      scope.targets.push_back(target);
+    }
+    if (item == kEndOfLineItem) {
+      scope.folder = kEndOfLineFolder;
+    }
+  }
+  return scope;
+}
+
+}  // namespace featurehost

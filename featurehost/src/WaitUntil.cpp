@@ -1,0 +1,26 @@
+#include "featurehost/src/WaitUntil.h"
+
+#include <chrono>
+#include <thread>
+
+namespace featurehost {
+
+namespace {
+
+constexpr std::chrono::milliseconds kGrace{2000};
+constexpr std::chrono::milliseconds kStep{10};
+
+}  // namespace
+
+bool WaitUntil(const std::function<bool()>& condition) {
+  const auto end = std::chrono::steady_clock::now() + kGrace;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() >= end) {
+      return false;
+    }
+    std::this_thread::sleep_for(kStep);
+  }
+  return true;
+}
+
+}  // namespace featurehost

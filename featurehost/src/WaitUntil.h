@@ -1,0 +1,10 @@
+#pragma once
+
+#include <functional>
+
+namespace featurehost {
+
+/** Poll a condition until it holds, for two seconds at most. @return whether it came to hold. */
+bool WaitUntil(const std::function<bool()>& condition);
+
+}  // namespace featurehost

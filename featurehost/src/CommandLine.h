@@ -9,16 +9,19 @@ namespace featurehost {
 
 /** What the user asked for. */
 struct Options {
-  enum class Command { kInstall, kPrepare, kType, kCleanUp };
+  enum class Command { kInstall, kPrepare, kLint, kType, kCleanUp };
 
   Command command = Command::kType;
-  std::string configuration;  ///< path; of install and prepare
+  std::string configuration;  ///< path; of install, prepare and lint
   std::string module;         ///< path; empty for the standard one
   std::string feature;        ///< id; empty for the only one
   Level logLevel = Level::kWarning;
   std::string logFile;  ///< path; empty for none
   bool json = false;
   bool quiet = false;
+  bool deep = false;    ///< of lint: unpack every archive and image
+  bool strict = false;  ///< of lint: fail for warnings too
+  bool noLint = false;  ///< of install: do not check the configuration before
   bool dryRun = false;  ///< of the clean-up
 };
 

@@ -6,6 +6,7 @@ namespace featurehost {
 enum class ExitCode {
   kSuccess = 0,
   kInstallFailed = 1,
+  kLintErrors = 1,
   kNotCleaned = 1,  ///< of the clean-up: something is left
   kUsage = 2,
   kPrepareFailed = 3,

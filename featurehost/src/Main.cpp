@@ -13,6 +13,7 @@
 #include "featurehost/src/Run.h"
 #include "featurehost/src/RunScope.h"
 #include "featurehost/src/Text.h"
+#include "featurehost/src/lint/LintCommand.h"
 
 namespace {
 
@@ -36,17 +37,26 @@ ExitCode PrintType(const Options& options) {
 }
 
 /** What speaks against an install before it is begun. Throws HostError. */
-void CheckBeforeInstall(const featurehost::Properties& properties) {
-  featurehost::RefuseBesideOtherRuns(featurehost::ScopeOf(properties));
+void CheckBeforeInstall(const Options& options, const featurehost::lint::LintRequest& check) {
+  featurehost::RefuseBesideOtherRuns(featurehost::ScopeOf({check.featureId, check.properties}));
+  if (!options.noLint) {
+    featurehost::lint::LintBeforeInstall(check);
+  }
 }
 
-ExitCode RunUpdate(const Options& options) {
+ExitCode RunOnFeature(const Options& options) {
   const auto configuration = featurehost::Configuration::Load(options.configuration);
   const TFeatureId& featureId = configuration.Choose(options.feature);
+  const featurehost::lint::LintRequest check{featureId,    configuration.Of(featureId),
+                                             options.deep, options.strict,
+                                             options.json, options.quiet};
+  if (options.command == Options::Command::kLint) {
+    return featurehost::lint::RunLint(check);
+  }
   const auto goal = options.command == Options::Command::kInstall ? featurehost::Goal::kInstall
                                                                   : featurehost::Goal::kPrepare;
   if (goal == featurehost::Goal::kInstall) {
-    CheckBeforeInstall({featureId, configuration.Of(featureId)});
+    CheckBeforeInstall(options, check);
   }
   return featurehost::Run({goal, options.module, featureId, configuration.Of(featureId),
                            options.configuration, options.json, options.quiet});
@@ -66,9 +76,10 @@ ExitCode Obey(const Options& options) {
       return featurehost::CleanUpKilledRuns({options.dryRun, options.json, options.quiet});
     case Options::Command::kInstall:
     case Options::Command::kPrepare:
+    case Options::Command::kLint:
       break;
   }
-  return RunUpdate(options);
+  return RunOnFeature(options);
 }
 
 }  // namespace

@@ -25,8 +25,13 @@ std::string ExecutableFolder() {
 }
 
 std::string StandardModule() {
-  const std::string beside = ExecutableFolder() + "/" + kStandardModule;
-  return access(beside.c_str(), F_OK) == 0 ? beside : kStandardModule;
+  const std::string folder = ExecutableFolder() + "/";
+  for (const std::string& place : {folder, folder + MODULES_FROM_HOST "/"}) {
+    if (access((place + kStandardModule).c_str(), F_OK) == 0) {
+      return place + kStandardModule;
+    }
+  }
+  return kStandardModule;
 }
 
 // A name without a folder means a file here, not a library on the library path.

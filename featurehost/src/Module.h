@@ -15,7 +15,8 @@ class Module {
  public:
   /**
    * Load a library. An empty path means the module beside this executable, or without one there
-   * the one on the library path. Throws HostError when it cannot be loaded or lacks an entry.
+   * the installed one, or else the one on the library path. Throws HostError when it cannot be
+   * loaded or lacks an entry.
    */
   explicit Module(const std::string& path);
 

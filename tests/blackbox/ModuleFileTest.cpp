@@ -57,6 +57,18 @@ TEST(ModuleFileTest, NeedsNothingButTheLanguagesRuntime) {
   EXPECT_GE(libraries, 2U) << output;
 }
 
+TEST(ModuleFileTest, StartsNoThread) {
+  const std::string needed = Output("nm -D --undefined-only " MODULE_FILE);
+  EXPECT_THAT(needed, testing::HasSubstr("fork"));
+  EXPECT_THAT(needed, testing::Not(testing::HasSubstr("pthread_create")));
+  EXPECT_THAT(needed, testing::Not(testing::HasSubstr("_M_start_thread")));
+}
+
+TEST(ModuleFileTest, TellsItsVersion) {
+  EXPECT_THAT(Output("readelf --notes " MODULE_FILE),
+              testing::HasSubstr(R"("name":"maincpuloader","version":")" MODULE_VERSION R"(")"));
+}
+
 TEST(ModuleFileTest, HasEverythingElseFromItsHost) {
   // Every name that the loader must find when the module is opened is there.
   const blackbox::LoadedModule module;

@@ -4,7 +4,7 @@ import unittest
 
 import updates
 from cards import FileSystem
-from harness import INSTALL, MIB, Card, Partition, UnitTest
+from harness import INSTALL_ANYWAY, MIB, Card, Partition, UnitTest
 from updates import MOUNT_POINT, Update, make_cards
 
 
@@ -120,7 +120,7 @@ class RefusedTest(UnitTest):
         update = Update(self.share)
         update.configure(["userfs", "factorydata"])
         _, card1 = make_cards(self.folder)
-        run = self.install([None, card1])
+        run = self.install([None, card1], INSTALL_ANYWAY + "\ncode=$?\n")
         self.assert_refused(run, f"Mounting {MOUNT_POINT} failed. Error number : 32")
         # An archive that could not be begun counts as failed and, with as many bytes done as it
         # has, as finished too: the next item is begun, and this one ends before the host can stop.
@@ -130,7 +130,7 @@ class RefusedTest(UnitTest):
         update = Update(self.share)
         card0, _ = make_cards(self.folder)
         # dd makes a file of the device's name and succeeds; what tells is the partition table.
-        run = self.install([card0, None], INSTALL + "\ncode=$?\nrm -f /dev/mmcblk1p*\n")
+        run = self.install([card0, None], INSTALL_ANYWAY + "\ncode=$?\nrm -f /dev/mmcblk1p*\n")
         self.assert_refused(run, "fdisk: failed to write partition table: 1")
         self.assertEqual([], updates.wrong_with_userfs(update, card0))
 
@@ -140,7 +140,7 @@ class RefusedTest(UnitTest):
         card0, _ = make_cards(self.folder)
         card1 = Card(self.folder / "small.img", 8, [Partition(3), Partition(2)])
         card1.write(2, 0, b"the neighbour")
-        run = self.install([card0, card1])
+        run = self.install([card0, card1], INSTALL_ANYWAY + "\ncode=$?\n")
         self.assert_refused(run, "ImageLoader: Failed to install image: /host/rootfs.img.gz")
         self.assertEqual(b"the neighbour", card1.read(2, 0, 13))
 

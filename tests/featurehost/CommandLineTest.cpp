@@ -75,7 +75,7 @@ TEST_F(CommandLineTest, HelpAndVersionAreNoRun) {
 }
 
 TEST_F(CommandLineTest, WrongUseIsOneLineThatTellsWhereToLook) {
-  EXPECT_EQ("no command given; say install, prepare, type or cleanup", Error({}));
+  EXPECT_EQ("no command given; say install, prepare, lint, type or cleanup", Error({}));
   EXPECT_THAT(Error({"install"}), HasSubstr("CONFIG"));
   EXPECT_THAT(Error({"remove", "x"}), HasSubstr("remove"));
   EXPECT_THAT(Error({"install", "a", "b"}), HasSubstr("b"));

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """The featurehost executable, started as a user would, with the real module and with modules that
-misbehave. Needs FEATUREHOST (the executable, the real module beside it) and TEST_MODULES (the
-folder of the modules). Exit status 77: everything was skipped."""
+misbehave. Needs FEATUREHOST (the executable, the real module beside it), TEST_MODULES (the
+folder of the modules) and SYNC_SPY. Exit status 77: everything was skipped."""
 
 import contextlib
 import json
@@ -32,6 +32,9 @@ def default_signals():
 
 
 class HostTestCase(unittest.TestCase):
+    # Most of these are about what the host does with a module, whatever the configuration says.
+    lint = False
+
     def setUp(self):
         self.folder = pathlib.Path(tempfile.mkdtemp(prefix="featurehost-"))
         self.addCleanup(shutil.rmtree, self.folder)
@@ -71,11 +74,15 @@ class HostTestCase(unittest.TestCase):
         tool.chmod(0o755)
         self.environment["PATH"] = f"{tools}:{os.environ['PATH']}"
 
+    def command(self, *arguments):
+        words = [HOST, *map(str, arguments)]
+        return words + ["--no-lint"] if "install" in words and not self.lint else words
+
     def start(self, *arguments, **options):
         settings = dict(stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
                         env=self.environment, cwd=self.folder, preexec_fn=default_signals)
         settings.update(options)
-        process = subprocess.Popen([HOST, *map(str, arguments)], **settings)
+        process = subprocess.Popen(self.command(*arguments), **settings)
         self.addCleanup(self.end, process)
         return process
 
@@ -159,6 +166,15 @@ class Install(HostTestCase):
         self.assertEqual("installing maincpu", result.lines[1])
         self.assertEqual("100 % factorydata", result.lines[-2])
         self.assertRegex(result.lines[-1], r"^installed maincpu in \d+:\d\d$")
+
+    def test_file_systems_are_flushed_before_the_result_is_told(self):
+        self.environment["LD_PRELOAD"] = os.environ["SYNC_SPY"]
+        self.environment["ASAN_OPTIONS"] = "verify_asan_link_order=0"
+        result = self.run_host("install", self.factory_data(), stderr=subprocess.STDOUT)
+        self.assertEqual(SUCCESS, result.code, result)
+        self.assertIn("sync()", result.lines)
+        self.assertRegex(result.lines[-1], "^installed maincpu ")
+        self.assertEqual(1, result.output.count("installed"), result)
 
     def test_prepare_writes_nothing(self):
         result = self.run_host("prepare", self.factory_data())
@@ -324,7 +340,7 @@ class BadInput(HostTestCase):
         self.assert_refused(self.run_host("install", path, "--feature", ""), USAGE, "empty")
 
     def test_command_line(self):
-        self.assert_refused(self.run_host(), USAGE, "install, prepare, type or cleanup")
+        self.assert_refused(self.run_host(), USAGE, "install, prepare, lint, type or cleanup")
         self.assert_refused(self.run_host("install"), USAGE, "CONFIG", "--help")
         self.assert_refused(self.run_host("remove", "x"), USAGE, "remove")
         self.assert_refused(self.run_host("install", "x", "--fast"), USAGE, "--fast")
@@ -800,7 +816,7 @@ class LeftMounts(HostTestCase):
         result = subprocess.run(
             ["unshare", *self.namespace(), "sh", "-c",
              before + '"$@"; code=$?; cat /proc/self/mountinfo > mounts; exit $code',
-             "sh", HOST, "install", "update.toml", "--module", module("Leaver")],
+             "sh", *self.command("install", "update.toml", "--module", module("Leaver"))],
             cwd=self.folder, env=self.environment, capture_output=True, check=False,
             timeout=TIME_LIMIT, text=True)
         self.mounts = (self.folder / "mounts").read_text()
@@ -853,7 +869,7 @@ class Terminal(HostTestCase):
         if process == 0:
             default_signals()
             os.chdir(self.folder)
-            os.execve(HOST, [HOST, *map(str, arguments)], self.environment)
+            os.execve(HOST, self.command(*arguments), self.environment)
         screen = b""
         typed = when is None
         end = time.monotonic() + TIME_LIMIT

@@ -6,3 +6,8 @@ if(SANITIZE)
     -fno-omit-frame-pointer)
   add_link_options(-fsanitize=address,undefined)
 endif()
+if(BUILD_FUZZERS)
+  # The fuzzer's main program is linked into the fuzz targets only.
+  add_compile_options(-fsanitize=fuzzer-no-link)
+  add_link_options(-fsanitize=fuzzer-no-link)
+endif()

@@ -81,6 +81,8 @@ void CImageLoader::Install() {
     return;
   }
 
+  // The timer of an install that a prepare cut off: subscribed twice, it would outlive this object.
+  Cleanup();
   if (descriptor != -1) {
     iDescriptorSubscription = Readable(descriptor);
     iEventBroker.Subscribe(iDescriptorSubscription, this);

@@ -6,10 +6,10 @@
 #include <optional>
 #include <sstream>
 #include <sys/stat.h>
-#include <toml++/toml.h>
 
 #include "featurehost/src/HostError.h"
 #include "featurehost/src/Text.h"
+#include "featurehost/src/Toml.h"
 #include "host/Event.h"
 
 namespace featurehost {

@@ -350,6 +350,17 @@ TEST_F(ImageLoaderTest, APrepareDuringTheCopyEndsItAndTheNextTickReportsThat) {
   EXPECT_THAT(broker_.Subscriptions(), IsEmpty());
 }
 
+TEST_F(ImageLoaderTest, AnInstallAfterAPrepareDuringTheCopyHasOneTimerOnly) {
+  PrepareAndInstall();
+  ASSERT_EQ(ETrue, loader_->Prepare());
+
+  loader_->Install();
+
+  EXPECT_THAT(broker_.Subscriptions(), SizeIs(2)) << "the one of the first install is gone";
+  loader_.reset();
+  EXPECT_THAT(broker_.Subscriptions(), IsEmpty()) << "an event would find no loader";
+}
+
 // Install ----------------------------------------------------------------------------------------
 
 TEST_F(ImageLoaderTest, InstallStartsTheCopyAndSubscribesToDescriptorAndTimer) {

@@ -72,6 +72,15 @@ TEST_F(ConfigurationTest, TextThatIsNotTomlIsRefusedWithFileAndLine) {
   EXPECT_THAT(LoadError("[feature\n"), StartsWith(Path() + ":1: not valid TOML: "));
   EXPECT_THAT(LoadError("[f]\na = 1\na = 2\n"), StartsWith(Path() + ":3: not valid TOML: "));
   EXPECT_THAT(LoadError("[f]\na = '\xff'\n"), StartsWith(Path() + ":2: not valid TOML: "));
+  EXPECT_THAT(LoadError("[f]\n[=]\n"), StartsWith(Path() + ":2: not valid TOML: "));
+}
+
+TEST_F(ConfigurationTest, LettersBeyondAsciiOutsideOfStringsAreRefused) {
+  for (const char* letter : {"\u00e9", "\u3042", "\ufefb", "\u00a1"}) {
+    EXPECT_THAT(LoadError("[f]\n" + std::string(letter) + " = 1\n"),
+                StartsWith(Path() + ":2: not valid TOML: "))
+        << letter;
+  }
 }
 
 TEST_F(ConfigurationTest, KeyOutsideOfATableIsRefused) {

@@ -97,10 +97,14 @@ RecordedLog& RecordedLog::Instance() {
 }
 
 void RecordedLog::Clear() {
+  ForgetLines();
+  disabled_.clear();
+}
+
+void RecordedLog::ForgetLines() {
   lines_.clear();
   questions_.clear();
   openings_.clear();
-  disabled_.clear();
 }
 
 std::vector<LogLine> RecordedLog::LinesOf(const std::vector<std::string>& categories) const {

@@ -69,6 +69,8 @@ class RecordedLog {
   static RecordedLog& Instance();
 
   void Clear();
+  /** Clear, but what is disabled stays so. */
+  void ForgetLines();
 
   /** Committed lines that were enabled, in order. */
   const std::vector<LogLine>& Lines() const { return lines_; }

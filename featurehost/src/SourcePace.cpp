@@ -29,13 +29,18 @@ void SourcePace::BeforeTurn() {
 std::chrono::milliseconds SourcePace::AfterTurn() {
   moved_ = moved_ || MovedSince();
   mark_ = Look(descriptor_);
-  pause_ = moved_ ? std::chrono::milliseconds{0} : std::clamp(pause_ * 2, kShortest, kLongest);
+  const auto longest = BytesWait() ? kShortest : kLongest;
+  pause_ = moved_ ? std::chrono::milliseconds{0} : std::clamp(pause_ * 2, kShortest, longest);
   return pause_;
 }
 
 bool SourcePace::MovedSince() const {
   const Mark now = Look(descriptor_);
   return !now.has_value() || now != mark_;
+}
+
+bool SourcePace::BytesWait() const {
+  return !HasPosition(descriptor_) && mark_.has_value() && *mark_ > 0;
 }
 
 SourcePace::Mark SourcePace::Look(int descriptor) {

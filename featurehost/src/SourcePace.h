@@ -14,6 +14,9 @@ namespace featurehost {
  * slowly, from 1 ms to 1 s; one that moves is polled at once. What "moves" means: the file
  * position of files and block devices, the number of waiting bytes of everything else; a source
  * that shows neither counts as moving.
+ *
+ * A pipe in which bytes wait is never left for longer than 1 ms: its reader may take line after
+ * line out of a buffer of its own, which does not show, while the writer waits for room.
  */
 class SourcePace {
  public:
@@ -30,6 +33,7 @@ class SourcePace {
   using Mark = std::optional<std::int64_t>;
 
   static Mark Look(int descriptor);
+  bool BytesWait() const;
 
   int descriptor_;
   Mark mark_;

@@ -6,20 +6,21 @@ import updates
 from harness import MIB, UnitTest
 from updates import Update, make_cards
 
-# Shell conditions that hold while the item is at work on the unit.
+# Shell conditions that hold while the item is at work on the unit. The brackets keep a search from
+# finding itself.
 AT_WORK = {
     "userfs": "[ \"$(percent)\" -ge 5 ]",
-    "rootfs": "running of=/dev/mmcblk1p1",
+    "rootfs": "running '[o]f=/dev/mmcblk1p1'",
     "checkrootfs": "[ \"$(percent)\" -ge 76 ]",
-    "factorydata": "running of=/dev/mmcblk1p2",
-    "eolsettings": "running of=/tmp/eolmountpoint",
+    "factorydata": "running '[o]f=/dev/mmcblk1p2'",
+    "eolsettings": "running '[o]f=/tmp/eolmountpoint'",
 }
 
 JOB = """\
 percent() {{
   busybox sed -n '$s/.*"percent": *\\([0-9]*\\).*/\\1/p' /tmp/events | grep . || echo 0
 }}
-running() {{ busybox pgrep -f "$1" >/dev/null; }}
+running() {{ busybox ps -o args | grep -q "$1"; }}
 : >/tmp/events
 # In the background a shell has its children ignore an interrupt, but not a termination.
 featurehost install --json --log-file /tmp/log --log-level info /host/update.toml \\

@@ -394,7 +394,7 @@ TEST_F(BrokerTest, TimerOfPeriodZeroIsTakenAsOneMillisecond) {
 
   const auto duration = RunFor(milliseconds(100));
   EXPECT_THAT(observer.calls, Ge(1));
-  EXPECT_THAT(observer.calls, Le(duration.count() + 1));
+  EXPECT_THAT(observer.calls, Le(duration.count() + 2));
 }
 
 TEST_F(BrokerTest, TimerThatIsSetAfterALongCallIsNotDueAtOnce) {
@@ -550,11 +550,11 @@ TEST_F(BrokerTest, EndedPipeIsToldButDoesNotSpin) {
 
   const auto duration = RunFor(milliseconds(300));
   EXPECT_THAT(observer.calls, Ge(1));
-  EXPECT_THAT(observer.calls, Le(MostDeliveries(duration)));
+  EXPECT_THAT(observer.calls, Le(duration.count() + 2));
   close(pipe[0]);
 }
 
-TEST_F(BrokerTest, PipeThatNobodyReadsDoesNotSpin) {
+TEST_F(BrokerTest, PipeThatNobodyReadsIsToldOnceAMillisecondAtMost) {
   int pipe[2] = {};
   ASSERT_EQ(0, pipe2(pipe, O_CLOEXEC));
   ASSERT_EQ(1, write(pipe[1], "x", 1));
@@ -564,7 +564,7 @@ TEST_F(BrokerTest, PipeThatNobodyReadsDoesNotSpin) {
 
   const auto duration = RunFor(milliseconds(300));
   EXPECT_THAT(observer.calls, Ge(1));
-  EXPECT_THAT(observer.calls, Le(MostDeliveries(duration)));
+  EXPECT_THAT(observer.calls, Le(duration.count() + 2));
   close(pipe[0]);
   close(pipe[1]);
 }

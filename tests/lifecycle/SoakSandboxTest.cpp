@@ -9,6 +9,7 @@
 #include "featurehost/src/Module.h"
 #include "tests/lifecycle/LiveHost.h"
 #include "tests/lifecycle/WholeListTest.h"
+#include "tests/support/HostFakes.h"
 #include "tests/support/ProcessState.h"
 #include "tests/support/SystemCalls.h"
 
@@ -77,6 +78,7 @@ class SoakTest : public lifecycle::WholeListTest {
     // The records of the test kit grow by design.
     support::RecordedLog::Instance().Clear();
     support::SystemCalls::Instance().Forget();
+    support::HostFakes::Instance().Forget();
   }
 
   /** Install so often, and show now and then what is held. */

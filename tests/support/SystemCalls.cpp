@@ -1,10 +1,13 @@
 #include "tests/support/SystemCalls.h"
 
 #include <cerrno>
+#include <cstdarg>
 #include <cstddef>
 #include <cstdio>
+#include <fcntl.h>
 #include <sys/types.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 namespace support {
 
@@ -17,7 +20,9 @@ SystemCalls& SystemCalls::Instance() {
 void SystemCalls::Reset() {
   calls_.clear();
   failures_.clear();
+  failed_ = 0;
   onCall = nullptr;
+  onCommand = nullptr;
 }
 
 std::vector<std::string> SystemCalls::CallsOf(const std::string& name) const {
@@ -40,6 +45,7 @@ bool SystemCalls::MustFail(const char* name) {
   }
   const bool failing = entry->second.failing-- > 0;
   if (failing) {
+    ++failed_;
     errno = entry->second.error;
   } else {
     failures_.erase(entry);
@@ -52,6 +58,10 @@ namespace {
 bool RecordedFailure(const char* name, const std::string& arguments = "") {
   SystemCalls::Instance().Record(name + arguments);
   return SystemCalls::Instance().MustFail(name);
+}
+
+bool HasPosition(int descriptor) {
+  return lseek(descriptor, 0, SEEK_CUR) != -1;
 }
 
 }  // namespace
@@ -70,6 +80,11 @@ int __real_pipe2(int* ends, int flags);
 FILE* __real_fdopen(int descriptor, const char* mode);
 FILE* __real_fopen64(const char* path, const char* mode);
 void* __real_malloc(std::size_t size);
+int __real_pipe(int* ends);
+int __real_open64(const char* path, int flags, ...);
+int __real_fcntl64(int descriptor, int command, ...);
+ssize_t __real_read(int descriptor, void* buffer, size_t size);
+ssize_t __real_write(int descriptor, const void* buffer, size_t size);
 [[noreturn]] void __real__exit(int code);
 
 /** In a coverage build, from its runtime: writes down what has run until now. */
@@ -116,13 +131,50 @@ FILE* __wrap_fdopen(int descriptor, const char* mode) {
   __real__exit(code);
 }
 
-// What fopen becomes where files may be large.
+void* __wrap_malloc(std::size_t size) {
+  return support::SystemCalls::Instance().MustFail("malloc") ? nullptr : __real_malloc(size);
+}
+
+int __wrap_pipe(int* ends) {
+  return support::SystemCalls::Instance().MustFail("pipe") ? -1 : __real_pipe(ends);
+}
+
+// Large file support gives these three another name.
+int __wrap_open64(const char* path, int flags, ...) {
+  std::va_list rest;
+  va_start(rest, flags);
+  const auto mode = (flags & O_CREAT) != 0 ? va_arg(rest, mode_t) : 0;
+  va_end(rest);
+  return support::SystemCalls::Instance().MustFail("open") ? -1 : __real_open64(path, flags, mode);
+}
+
 FILE* __wrap_fopen64(const char* path, const char* mode) {
   return support::SystemCalls::Instance().MustFail("fopen") ? nullptr : __real_fopen64(path, mode);
 }
 
-void* __wrap_malloc(std::size_t size) {
-  return support::SystemCalls::Instance().MustFail("malloc") ? nullptr : __real_malloc(size);
+int __wrap_fcntl64(int descriptor, int command, ...) {
+  std::va_list rest;
+  va_start(rest, command);
+  const auto argument = va_arg(rest, long);
+  va_end(rest);
+  return command != F_GETFD && support::SystemCalls::Instance().MustFail("fcntl")
+             ? -1
+             : __real_fcntl64(descriptor, command, argument);
+}
+
+ssize_t __wrap_read(int descriptor, void* buffer, size_t size) {
+  auto& calls = support::SystemCalls::Instance();
+  if (calls.MustFail("read") || (calls.MayFail("read file") && support::HasPosition(descriptor) &&
+                                 calls.MustFail("read file"))) {
+    return -1;
+  }
+  return __real_read(descriptor, buffer, size);
+}
+
+ssize_t __wrap_write(int descriptor, const void* buffer, size_t size) {
+  return support::SystemCalls::Instance().MustFail("write")
+             ? -1
+             : __real_write(descriptor, buffer, size);
 }
 
 }  // extern "C"

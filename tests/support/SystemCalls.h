@@ -12,8 +12,10 @@ namespace support {
  * the test says so. Otherwise the real ones run. Calls made by libraries do not come through here.
  * One for the process; the fixture resets it.
  *
- * Covered: kill, waitpid, waitid, sleep, fork, pipe2, fdopen; fopen and malloc, which are not
- * recorded; and _exit, so that a coverage build knows what ran in children.
+ * Covered: kill, waitpid, waitid, sleep, fork, pipe2, fdopen. Covered without being recorded:
+ * malloc, pipe, open, fopen, read, "read file" (a read from something that has a position), write,
+ * fcntl (other than F_GETFD), system; and _exit, so that a coverage build knows what ran in
+ * children.
  */
 class SystemCalls {
  public:
@@ -31,9 +33,13 @@ class SystemCalls {
   void Fail(const std::string& name, int error, int passing = 0, int failing = 1) {
     failures_[name] = {passing, failing, error};
   }
+  /** How many calls of all names were made to fail so far. */
+  int Failed() const { return failed_; }
 
   /** Called with the text of every call before it is made. */
   std::function<void(const std::string&)> onCall;
+  /** Called with every command line before system(3) runs it. */
+  std::function<void(const std::string&)> onCommand;
 
   // Called by the covered functions.
   void Record(const std::string& call) {
@@ -43,6 +49,8 @@ class SystemCalls {
     }
   }
   bool MustFail(const char* name);
+  /** Whether calls of a name are to fail now or later. */
+  bool MayFail(const char* name) const { return failures_.count(name) > 0; }
 
  private:
   struct Failure {
@@ -53,6 +61,7 @@ class SystemCalls {
 
   std::vector<std::string> calls_;
   std::map<std::string, Failure> failures_;
+  int failed_ = 0;
 };
 
 }  // namespace support

@@ -4,6 +4,8 @@
 #include <dlfcn.h>
 #include <utility>
 
+#include "tests/support/SystemCalls.h"
+
 namespace {
 
 std::function<int(const std::string&)>& Hook() {
@@ -17,6 +19,13 @@ std::function<int(const std::string&)>& Hook() {
 extern "C" int system(const char* command) {
   if (Hook()) {
     return Hook()(command);
+  }
+  auto& calls = support::SystemCalls::Instance();
+  if (calls.onCommand) {
+    calls.onCommand(command);
+  }
+  if (calls.MustFail("system")) {
+    return -1;
   }
   using TSystem = int (*)(const char*);
   static const auto real = reinterpret_cast<TSystem>(dlsym(RTLD_NEXT, "system"));

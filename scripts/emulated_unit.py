@@ -69,7 +69,8 @@ class Unit:
         tools   "gnu" or "busybox": whose zcat, tar and dd the unit has
         memory  of the unit, in MiB
         cached  let the unit keep what it has read of the shared folder: dd reading single bytes
-                is a thousand times faster, but changes from outside may not be seen any more
+                is a thousand times faster, but changes from outside may not be seen any more, and
+                a unit that writes more than its memory holds may freeze
         """
         if tools not in TOOL_SETS:
             raise UnitError(f"unknown tool set {tools}")
@@ -160,13 +161,13 @@ class Unit:
         shutil.rmtree(self._folder, ignore_errors=True)
 
 
-def run(job, cards, share, timeout, files=None, tools="gnu", memory=512, nice=0):
+def run(job, cards, share, timeout, files=None, tools="gnu", memory=512, nice=0, cached=True):
     """Boot, run a job and wait for its end. Returns (exit code, what the console showed).
 
-    The shared folder must not change from outside meanwhile.
+    With `cached` the shared folder must not change from outside meanwhile.
     """
     files = programs() if files is None else files
-    with Unit(job, cards, share, files, tools, memory, nice, cached=True) as unit:
+    with Unit(job, cards, share, files, tools, memory, nice, cached) as unit:
         process = unit.start(stdout=subprocess.PIPE)
         console = Collector(process.stdout)
         try:

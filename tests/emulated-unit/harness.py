@@ -53,6 +53,7 @@ class UnitTest(unittest.TestCase):
 
     tools = "gnu"
     timeout = 600
+    cached = True
 
     def setUp(self):
         self.folder = Path(tempfile.mkdtemp(prefix="maincpuloader-test-"))
@@ -63,7 +64,8 @@ class UnitTest(unittest.TestCase):
     def on_unit(self, job, cards, files=None):
         """Run a job with these cards. Returns (exit code, console)."""
         images = [None if card is None else card.path for card in cards]
-        return emulated_unit.run(job, images, self.share, self.timeout, files, self.tools)
+        return emulated_unit.run(job, images, self.share, self.timeout, files, self.tools,
+                                 cached=self.cached)
 
     def install(self, cards, job=INSTALL + "\ncode=$?\n"):
         """Run featurehost, or a job that runs it and sets $code, on the update in the share."""

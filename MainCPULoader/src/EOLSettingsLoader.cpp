@@ -1,6 +1,6 @@
 #include "MainCPULoader/src/EOLSettingsLoader.h"
 
-#include <sstream>
+#include <string>
 #include <utility>
 
 #include "SWLInfra/src/CmdHandler.h"
@@ -92,9 +92,10 @@ CEOLSettingsLoader::TOutcome CEOLSettingsLoader::Restore() const {
                                    " && mount -o rw,noexec,noatime,nodiratime,nodev,nosuid " +
                                    iTarget + " " + KMountPoint;
   const std::string folderCommand = "mkdir -p " + KMountPoint + "/" + folder;
-  std::ostringstream copyCommand;
-  copyCommand << "dd if=" << iSource << " of=" << KMountPoint << "/" << iTargetFileName << " bs=1"
-              << " skip=" << iOffset << " count=" << iSize;
+  // Not through a stream: it would group the digits as the host's locale says.
+  const std::string copyCommand = "dd if=" + iSource + " of=" + KMountPoint + "/" +
+                                  iTargetFileName + " bs=1 skip=" + std::to_string(iOffset) +
+                                  " count=" + std::to_string(iSize);
   const std::string unmountCommand = "umount " + KMountPoint + " && rmdir " + KMountPoint;
 
   int result = Run(mountCommand);
@@ -110,7 +111,7 @@ CEOLSettingsLoader::TOutcome CEOLSettingsLoader::Restore() const {
   if (result != 0) {
     return {ECopy, result};
   }
-  result = Run(copyCommand.str());
+  result = Run(copyCommand);
   if (result != 0) {
     // The file system stays mounted. Whoever mends the cause unmounts it and removes the folder.
     return {EUnmount, result};

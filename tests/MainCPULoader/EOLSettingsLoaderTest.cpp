@@ -1,4 +1,5 @@
 #include <gmock/gmock.h>
+#include <locale>
 
 #include "MainCPULoader/src/EOLSettingsLoader.h"
 #include "tests/support/CleanTest.h"
@@ -294,6 +295,20 @@ TEST_F(EOLSettingsLoaderTest, AKilledCommandCountsAsDone) {
   EXPECT_THAT(tools_.Calls(), ElementsAre(KCallMkdir, KCallMount, KFolder, "dd if=/a/s.bin",
                                           KCallUmount, KCallRmdir));
   EXPECT_THAT(callback_.Reports(), ElementsAre("Progress 0/256", "Completed 1"));
+}
+
+TEST_F(EOLSettingsLoaderTest, TheCopyCommandDoesNotFollowTheHostsLocale) {
+  class Grouping : public std::numpunct<char> {
+    char do_thousands_sep() const override { return ','; }
+    std::string do_grouping() const override { return "\3"; }
+  };
+  PrepareQuietly();
+
+  const std::locale before = std::locale::global(std::locale(std::locale::classic(), new Grouping));
+  loader_.Install();
+  std::locale::global(before);
+
+  EXPECT_THAT(tools_.Calls(), testing::Contains(KCopy));
 }
 
 TEST_F(EOLSettingsLoaderTest, NumbersAreDecimalAndWrittenUnsigned) {

@@ -137,7 +137,9 @@ void ArchiveCell::FindPipe() {
 
 /** Needs no descriptor: there may be none. */
 void ArchiveCell::Settle() const {
-  if (Struck() || pipe_ == -1) {
+  // A decompressor that runs out of input goes on for a while; of others nothing is known any more.
+  const bool goesOn = !Struck() || TheAct() == Act::kTruncate;
+  if (!goesOn || pipe_ == -1) {
     return;
   }
   EXPECT_TRUE(support::Eventually([this] {
@@ -145,7 +147,9 @@ void ArchiveCell::Settle() const {
     const bool full =
         ioctl(pipe_, FIONREAD, &waiting) == 0 && waiting == fcntl(pipe_, F_GETPIPE_SZ);
     const bool hangs = IsDoneByTools() && access(kHung.c_str(), F_OK) == 0;
-    return full || hangs || HasEnded(decompressor_);
+    // With the input gone it matters how far the decompressor has read: as far as it can.
+    const bool waits = TheAct() != Act::kTruncate || Sleeps(decompressor_);
+    return (full && waits) || hangs || HasEnded(decompressor_);
   }));
   // A fault of the unpacker comes when it has taken what it was to take.
   const bool unpackerEnds = TheRole() == Role::kWriter && TheAct() == Act::kExitEarly;

@@ -40,6 +40,13 @@ pid_t HungTool(const std::string& file) {
   return tool > 0 && NameOf(tool) == "tail" ? tool : -1;
 }
 
+bool Sleeps(pid_t process) {
+  std::ifstream file("/proc/" + std::to_string(process) + "/stat");
+  std::string text;
+  std::getline(file, text);
+  return text.find(") S ") != std::string::npos;
+}
+
 bool HasEnded(pid_t child) {
   siginfo_t end{};
   return waitid(P_PID, static_cast<id_t>(child), &end, WEXITED | WNOHANG | WNOWAIT) != 0 ||

@@ -15,6 +15,9 @@ std::vector<pid_t> ToolsOfThisProcess(bool zcatIsScripted);
 /** The process that a tool has named in the file because it hangs, once it does; -1 before. */
 pid_t HungTool(const std::string& file);
 
+/** Whether a process waits for something. */
+bool Sleeps(pid_t process);
+
 /** Whether a child has ended; it is not collected. One that was collected has ended, too. */
 bool HasEnded(pid_t child);
 

@@ -84,6 +84,10 @@ std::size_t FaultHost::SubscriptionsLeft() const {
 void FaultHost::Subscribe(const TEvent& filter, IEventObserver* observer) {
   if (filter.iType == EEventTimer && filter.iSize >= kSlowPeriod) {
     slowTimers_.push_back({&filter, observer});
+  } else if (filter.iType == EEventTimer) {
+    auto& proxy = timers_[&filter];
+    proxy = std::make_unique<QueueFirst>(broker_, observer);
+    broker_.Subscribe(filter, proxy.get());
   } else {
     broker_.Subscribe(filter, observer);
   }
@@ -98,7 +102,21 @@ void FaultHost::Unsubscribe(const TEvent& filter, IEventObserver* observer) {
                                      return timer.record == &filter && timer.observer == observer;
                                    }),
                     slowTimers_.end());
-  broker_.Unsubscribe(filter, observer);
+  const auto timer = timers_.find(&filter);
+  if (timer == timers_.end()) {
+    broker_.Unsubscribe(filter, observer);
+  } else {
+    // The proxy stays: this may be its turn.
+    broker_.Unsubscribe(filter, timer->second.get());
+    timer->second->observer = nullptr;
+  }
+}
+
+void FaultHost::QueueFirst::OnEvent(const TEvent& event) {
+  broker.DeliverQueue();
+  if (observer != nullptr) {
+    observer->OnEvent(event);
+  }
 }
 
 void FaultHost::PostEvent(const TEvent& event) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -60,6 +61,15 @@ class FaultHost : public IEventBroker, public IEventObserver {
     IEventObserver* observer;
   };
   class NoInterfaces : public IInterfaceBroker {};
+  /** What was posted before a tick is delivered before it, so that an abort is in time. */
+  struct QueueFirst : IEventObserver {
+    QueueFirst(featurehost::Broker& theBroker, IEventObserver* theObserver)
+        : broker(theBroker), observer(theObserver) {}
+    void OnEvent(const TEvent& event) override;
+
+    featurehost::Broker& broker;
+    IEventObserver* observer;  // null: it has unsubscribed
+  };
 
   void Post(TUint32 code);
 
@@ -69,6 +79,7 @@ class FaultHost : public IEventBroker, public IEventObserver {
   NoInterfaces interfaces_;
   std::vector<TEvent> filters_;
   std::vector<SlowTimer> slowTimers_;
+  std::map<const TEvent*, std::unique_ptr<QueueFirst>> timers_;
   std::vector<std::string> events_;
   std::unique_ptr<IFeatureModule2> feature_;
 };

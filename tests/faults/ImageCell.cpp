@@ -54,8 +54,7 @@ ImageCell::~ImageCell() {
 }
 
 std::size_t ImageCell::Allowed() const {
-  const bool stops = TheMoment() >= Moment::kFirstStep && TheMoment() <= Moment::kLastStep;
-  return stops ? BytesUntilTheMoment() : Gate::kEverything;
+  return TheMoment() == Moment::kAfterEnd ? Gate::kEverything : BytesUntilTheMoment();
 }
 
 void ImageCell::MakeFifo() {
@@ -139,14 +138,19 @@ void ImageCell::Posted(const std::string& event) {
 }
 
 void ImageCell::Subscribed(TUint32 type) {
-  if (type != EEventTimer || Struck() || IsDoneByTools()) {
+  if (type != EEventTimer || IsDoneByTools()) {
     return;
   }
-  const auto tools = ToolsOfThisProcess(false);
-  ASSERT_EQ(2U, tools.size());
-  writer_ = tools[0];
-  decompressor_ = tools[1];
-  Reach(Moment::kStart);
+  if (!Struck()) {
+    const auto tools = ToolsOfThisProcess(false);
+    ASSERT_EQ(2U, tools.size());
+    writer_ = tools[0];
+    decompressor_ = tools[1];
+    Reach(Moment::kStart);
+  }
+  if (TheMoment() == Moment::kStart) {
+    gate_->Allow(Gate::kEverything);
+  }
 }
 
 void ImageCell::Turn() {

@@ -1,5 +1,6 @@
 #include <cerrno>
 #include <cstring>
+#include <fcntl.h>
 #include <sys/time.h>
 
 #include "MainCPULoader/src/InputProcess.h"
@@ -150,17 +151,21 @@ TEST_F(InputProcessTest, FailsWhenTheChildWasKilled) {
 }
 
 TEST_F(InputProcessTest, AReadErrorIsReturnedWithoutALine) {
+  support::Shell("mkfifo '" + file_ + "'");
+  // As long as it could be written to, zcat waits for its content.
+  const int writer = open(file_.c_str(), O_RDWR | O_CLOEXEC);
   const auto before = support::OpenDescriptors();
   CInputProcess process;
-  support::Shell("mkfifo '" + file_ + "'");
   ASSERT_TRUE(process.Create(Bytes(file_)));
+  const pid_t child = OnlyChild();
   const auto added = childpipes::Added(before);
   ASSERT_EQ(1U, added.size());
   close(added.begin()->first);
 
   EXPECT_EQ("failed", Read(process));
   EXPECT_THAT(RecordedLog::Instance().Lines(), IsEmpty());
-  kill(OnlyChild(), SIGKILL);
+  kill(child, SIGKILL);
+  close(writer);
 }
 
 TEST_F(InputProcessTest, FailsAtOnceWhenItWasNeverStartedAndTakesNoOtherChild) {

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdio>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/types.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -91,6 +92,12 @@ ssize_t __real_write(int descriptor, const void* buffer, size_t size);
 void __gcov_dump() __attribute__((weak));
 
 int __wrap_kill(pid_t process, int signal) {
+  if (process >= -1 && process <= 1) {
+    // A child that was not found must never become a signal to every process of the machine.
+    ADD_FAILURE() << "a signal to process " << process;
+    errno = EPERM;
+    return -1;
+  }
   const auto arguments = " " + std::to_string(process) + " " + std::to_string(signal);
   return support::RecordedFailure("kill", arguments) ? -1 : __real_kill(process, signal);
 }

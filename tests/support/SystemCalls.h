@@ -15,7 +15,7 @@ namespace support {
  * Covered: kill, waitpid, waitid, sleep, fork, pipe2, fdopen. Covered without being recorded:
  * malloc, pipe, open, fopen, read, "read file" (a read from something that has a position), write,
  * fcntl (other than F_GETFD), system; and _exit, so that a coverage build knows what ran in
- * children.
+ * children. A kill of everything (-1), of the own group (0) or of process 1 fails, and the test.
  */
 class SystemCalls {
  public:

@@ -17,6 +17,8 @@ namespace featurehost {
 
 namespace {
 
+constexpr int kForcingRequest = 3;
+
 bool IsIgnored(int number) {
   struct sigaction action {};
   sigaction(number, nullptr, &action);
@@ -62,16 +64,23 @@ void EnsureChildrenCanBeAwaited() {
   std::exit(work());  // NOLINT(concurrency-mt-unsafe): there is one thread
 }
 
-int WaitAndRelay(pid_t child, const sigset_t& signals, const FrontDuties& duties) {
-  int status = 0;
+/** @return how often the user wanted to stop. */
+int WaitAndRelay(pid_t child, const sigset_t& signals, const FrontDuties& duties, int& status) {
+  int requests = 0;
   while (waitpid(child, &status, WNOHANG) != child) {
     const int number = sigwaitinfo(&signals, nullptr);
-    if (number > 0 && number != SIGCHLD) {
-      duties.relayed();
+    if (number <= 0 || number == SIGCHLD) {
+      continue;
+    }
+    ++requests;
+    if (requests < kForcingRequest) {
+      duties.relayed(requests);
       kill(child, kStopSignal);
+    } else {
+      kill(child, SIGKILL);
     }
   }
-  return status;
+  return requests;
 }
 
 }  // namespace
@@ -94,9 +103,13 @@ int DoBehindForeground(const std::function<int()>& work, const FrontDuties& duti
     throw HostError(ExitCode::kModuleNotLoaded,
                     "cannot start a process for the update: " + ErrorText(errno));
   }
-  const int status = WaitAndRelay(child, signals, duties);
+  int status = 0;
+  const int requests = WaitAndRelay(child, signals, duties, status);
   pthread_sigmask(SIG_SETMASK, &before, nullptr);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : duties.crashed(WTERMSIG(status));
+  if (WIFEXITED(status)) {
+    return WEXITSTATUS(status);
+  }
+  return requests >= kForcingRequest ? duties.forced() : duties.crashed(WTERMSIG(status));
 }
 
 }  // namespace featurehost

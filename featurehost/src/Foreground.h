@@ -6,8 +6,11 @@ namespace featurehost {
 
 /** What the front does besides waiting. */
 struct FrontDuties {
-  /** The user wants to stop. */
-  std::function<void()> relayed;
+  /** The user wants to stop, for the first time (1) or the second. */
+  std::function<void(int request)> relayed;
+  /** The user wanted to stop for the third time, and the work was killed; the result is the code.
+   */
+  std::function<int()> forced;
   /** The work was ended by a signal; the result is the exit code. */
   std::function<int(int signal)> crashed;
 };
@@ -20,7 +23,8 @@ struct FrontDuties {
  * running update before the module could stop them, and a killed command counts as done. And
  * system(3) makes its process ignore SIGINT, so that the host itself would miss it.
  *
- * When the front is gone, the child gets the stop signal as well.
+ * A tool that hangs may hold the child in the module for ever, where it hears of nothing. So the
+ * third request kills the child. When the front is gone, the child gets the stop signal as well.
  *
  * @param work  runs in the child; its result is the child's exit code, and this function's.
  */

@@ -157,11 +157,22 @@ ExitCode Run(const RunRequest& request) {
   const bool keepsToolOutput = sharesTerminal && tools.Open();
 
   FrontDuties duties;
-  duties.relayed = [&] {
-    if (!request.quiet) {
-      std::cerr << (sharesTerminal ? kEraseLine : "");
-      Say("stopping as soon as the module can; once more stops waiting for it");
+  duties.relayed = [&](int number) {
+    if (request.quiet) {
+      return;
     }
+    std::cerr << (sharesTerminal ? kEraseLine : "");
+    if (number == 1) {
+      Say("stopping as soon as the module can; once more stops waiting for it");
+    } else {
+      Say("not waiting for the module; if a tool holds it, once more ends the run by force");
+    }
+  };
+  duties.forced = [&] {
+    std::cerr << tools.TakeRest();
+    SayWhatWasLeft(unit.CleanUp());
+    Say("ended by force; nothing is known to be installed");
+    return static_cast<int>(ExitCode::kAborted);
   };
   duties.crashed = [&](int signal) {
     std::cerr << tools.TakeRest();

@@ -506,6 +506,24 @@ class Abort(HostTestCase):
         self.assertEqual(204, result.events()[-1]["code"])
         self.assertIn("featurehost: stopping as soon as the module can", result.errors)
 
+    def test_third_signal_ends_a_run_that_a_tool_holds(self):
+        self.script("dd", f"touch {self.folder}/running; exec sleep 600")
+        process = self.start("install", self.factory_data())
+        self.wait_for((self.folder / "running").exists, "dd")
+        for answer in ("stopping as soon as the module can", "not waiting for the module"):
+            process.send_signal(signal.SIGINT)
+            line = ""
+            while answer not in line:
+                line = process.stderr.readline().decode()
+                self.assertNotEqual("", line, answer)
+        self.assertIsNone(process.poll(), "held by the tool")
+        process.send_signal(signal.SIGINT)
+        result = self.finish(process)
+        self.assertEqual(ABORTED, result.code, result)
+        self.assertIn("featurehost: left behind: process", result.errors)
+        self.assertIn("featurehost: ended by force; nothing is known to be installed",
+                      result.errors)
+
     def test_signal_to_both_processes_counts_once(self):
         process = self.start_silent("abort")
         worker = int(children(process.pid)[0])

@@ -41,7 +41,8 @@ std::optional<Options> ParseCommandLine(int count, const char* const* arguments)
   CLI::App* install = AddCommand(app, options, Options::Command::kInstall, "install",
                                  "Prepare and install the update list of a feature");
   AddConfiguration(install, options);
-  install->add_flag("--no-lint", options.noLint, "Do not check the configuration before");
+  install->add_flag("--no-lint", options.noLint,
+                    "Do not check the configuration and the unit before");
   AddConfiguration(AddCommand(app, options, Options::Command::kPrepare, "prepare",
                               "Prepare only: check whether everything is there"),
                    options);

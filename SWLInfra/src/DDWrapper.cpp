@@ -1,6 +1,7 @@
 #include "SWLInfra/src/DDWrapper.h"
 
 #include <cctype>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -40,7 +41,7 @@ constexpr TSuffix KSuffixes[] = {
 constexpr TUint32 KDefaultBlockSize = 512;
 
 // How long a child may take to obey SIGTERM.
-constexpr int KObeyMilliseconds = 5000;
+constexpr std::chrono::milliseconds KObey{5000};
 constexpr timespec KMillisecond{0, 1000000};
 
 bool IsEmpty(const unsigned char* text) {
@@ -70,20 +71,22 @@ bool HasEndedBadly(pid_t child) {
          end.si_pid == child && (end.si_code != CLD_EXITED || end.si_status != 0);
 }
 
-bool EndedWithin(pid_t child, int milliseconds) {
-  for (int waited = 0; waited < milliseconds; ++waited) {
-    int status = 0;
-    if (waitpid(child, &status, WNOHANG) != 0) {
-      return true;
+bool EndedWithin(pid_t child, std::chrono::milliseconds limit) {
+  // Not by counting sleeps: each is ten times as long on a kernel with a slow tick.
+  const auto end = std::chrono::steady_clock::now() + limit;
+  int status = 0;
+  while (waitpid(child, &status, WNOHANG) == 0) {
+    if (std::chrono::steady_clock::now() >= end) {
+      return false;
     }
     nanosleep(&KMillisecond, nullptr);
   }
-  return false;
+  return true;
 }
 
 void EndChild(pid_t child) {
   kill(child, SIGTERM);
-  if (!EndedWithin(child, KObeyMilliseconds)) {
+  if (!EndedWithin(child, KObey)) {
     // Ignored, or stopped: waiting on could take for ever, with the host's event thread.
     kill(child, SIGKILL);
     int status = 0;

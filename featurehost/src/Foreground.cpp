@@ -1,6 +1,7 @@
 #include "featurehost/src/Foreground.h"
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
@@ -17,7 +18,10 @@ namespace featurehost {
 
 namespace {
 
+using Clock = std::chrono::steady_clock;
+
 constexpr int kForcingRequest = 3;
+constexpr std::chrono::seconds kPatience{1};  // after the request before it
 
 bool IsIgnored(int number) {
   struct sigaction action {};
@@ -64,20 +68,31 @@ void EnsureChildrenCanBeAwaited() {
   std::exit(work());  // NOLINT(concurrency-mt-unsafe): there is one thread
 }
 
+/** Take what is pending of them. */
+void Forget(const sigset_t& signals) {
+  const timespec noTime{};
+  while (sigtimedwait(&signals, nullptr, &noTime) > 0) {
+  }
+}
+
 /** @return how often the user wanted to stop. */
 int WaitAndRelay(pid_t child, const sigset_t& signals, const FrontDuties& duties, int& status) {
   int requests = 0;
+  auto latest = Clock::now();
   while (waitpid(child, &status, WNOHANG) != child) {
     const int number = sigwaitinfo(&signals, nullptr);
     if (number <= 0 || number == SIGCHLD) {
       continue;
     }
+    // A key that is held down must not force anything.
+    if (requests + 1 == kForcingRequest && Clock::now() < latest + kPatience) {
+      continue;
+    }
+    latest = Clock::now();
     ++requests;
+    kill(child, requests < kForcingRequest ? kStopSignal : SIGKILL);
     if (requests < kForcingRequest) {
       duties.relayed(requests);
-      kill(child, kStopSignal);
-    } else {
-      kill(child, SIGKILL);
     }
   }
   return requests;
@@ -105,11 +120,16 @@ int DoBehindForeground(const std::function<int()>& work, const FrontDuties& duti
   }
   int status = 0;
   const int requests = WaitAndRelay(child, signals, duties, status);
-  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  int code = 0;
   if (WIFEXITED(status)) {
-    return WEXITSTATUS(status);
+    code = WEXITSTATUS(status);
+  } else {
+    // Still deaf to further requests, which must not cut off the cleaning up.
+    code = requests >= kForcingRequest ? duties.forced() : duties.crashed(WTERMSIG(status));
   }
-  return requests >= kForcingRequest ? duties.forced() : duties.crashed(WTERMSIG(status));
+  Forget(signals);
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  return code;
 }
 
 }  // namespace featurehost

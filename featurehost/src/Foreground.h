@@ -24,7 +24,8 @@ struct FrontDuties {
  * system(3) makes its process ignore SIGINT, so that the host itself would miss it.
  *
  * A tool that hangs may hold the child in the module for ever, where it hears of nothing. So the
- * third request kills the child. When the front is gone, the child gets the stop signal as well.
+ * third request, a second or more after the one before it, kills the child. When the front is gone,
+ * the child gets the stop signal as well.
  *
  * @param work  runs in the child; its result is the child's exit code, and this function's.
  */

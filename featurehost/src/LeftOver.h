@@ -12,6 +12,7 @@ struct LeftOver {
   std::string what;  ///< names it, with its details
   bool cleaned;
   std::string done;  ///< what was done about it, or why nothing was; empty when nothing was tried
+  bool foreign = false;  ///< perhaps not the run's: told, and left alone
 };
 
 /** "process", "mount", "loop device", "folder" or "note". */

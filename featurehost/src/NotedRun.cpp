@@ -1,5 +1,6 @@
 #include "featurehost/src/NotedRun.h"
 
+#include <algorithm>
 #include <unistd.h>
 #include <utility>
 
@@ -28,6 +29,15 @@ std::optional<RunFolder> FolderForNotes() {
 
 }  // namespace
 
+namespace {
+
+/** Whether nothing more is to be done about it by this program. */
+bool IsSettled(const LeftOver& leftOver) {
+  return leftOver.cleaned || leftOver.foreign;
+}
+
+}  // namespace
+
 NotedRun::NotedRun(RunNote note) : folder_(FolderForNotes()), note_(std::move(note)) {
   // Of two that begin at the same time, the second finds the first one's note.
   std::optional<RunFolder::Lock> lock;
@@ -39,16 +49,29 @@ NotedRun::NotedRun(RunNote note) : folder_(FolderForNotes()), note_(std::move(no
 }
 
 NotedRun::~NotedRun() {
-  Remove();
+  if (!settled_) {
+    Remove();
+  }
 }
 
 void NotedRun::AddWorker() {
   note_.processes.push_back(NameOf(getpid()));
   MarkChildren(note_);
+  std::optional<RunFolder::Lock> lock;
+  if (folder_.has_value()) {
+    lock.emplace(*folder_);
+  }
   Write();
 }
 
-void NotedRun::Remove() {
+void NotedRun::Settle(const std::vector<LeftOver>& leftOvers) {
+  settled_ = true;
+  if (std::all_of(leftOvers.begin(), leftOvers.end(), IsSettled)) {
+    Remove();
+  }
+}
+
+void NotedRun::Remove() const {
   const int error = folder_.has_value() ? folder_->Remove(note_) : 0;
   if (error != 0) {
     Warn("Remove",

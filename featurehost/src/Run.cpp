@@ -111,7 +111,6 @@ Outcome HostOnTerminal(const RunRequest& request, const Properties& properties, 
 
 ExitCode RunInThisProcess(const RunRequest& request, const Properties& properties,
                           ToolOutput* tools, NotedRun* note) {
-  SurviveClosedPipes();
   if (note != nullptr) {
     note->AddWorker();
   }
@@ -133,7 +132,7 @@ ExitCode RunInThisProcess(const RunRequest& request, const Properties& propertie
     report->LeftBehind(leftOvers);
   }
   if (note != nullptr) {
-    note->Remove();  // the front may have been killed
+    note->Settle(leftOvers);  // here, as the front may have been killed
   }
   report->Result(outcome);
   if (outcome.code != ExitCode::kSuccess) {
@@ -145,6 +144,7 @@ ExitCode RunInThisProcess(const RunRequest& request, const Properties& propertie
 }  // namespace
 
 ExitCode Run(const RunRequest& request) {
+  SurviveClosedPipes();
   const Properties properties(request.featureId, request.properties);
   const RunScope scope = ScopeOf(properties);
   const UnitState unit(scope);
@@ -156,6 +156,13 @@ ExitCode Run(const RunRequest& request) {
   const bool sharesTerminal = SharesTerminal(request);
   const bool keepsToolOutput = sharesTerminal && tools.Open();
 
+  const auto cleanUp = [&] {
+    const auto leftOvers = unit.CleanUp();
+    SayWhatWasLeft(leftOvers);
+    if (note.has_value()) {
+      note->Settle(leftOvers);
+    }
+  };
   FrontDuties duties;
   duties.relayed = [&](int number) {
     if (request.quiet) {
@@ -170,13 +177,13 @@ ExitCode Run(const RunRequest& request) {
   };
   duties.forced = [&] {
     std::cerr << tools.TakeRest();
-    SayWhatWasLeft(unit.CleanUp());
+    cleanUp();
     Say("ended by force; nothing is known to be installed");
     return static_cast<int>(ExitCode::kAborted);
   };
   duties.crashed = [&](int signal) {
     std::cerr << tools.TakeRest();
-    SayWhatWasLeft(unit.CleanUp());
+    cleanUp();
     const char* name = strsignal(signal);  // NOLINT(concurrency-mt-unsafe): there is one thread
     Say("the module brought the run down with signal " + std::to_string(signal) + " (" + name +
         "); nothing is known to be installed");
@@ -188,7 +195,11 @@ ExitCode Run(const RunRequest& request) {
                                              keepsToolOutput ? &tools : nullptr,
                                              note.has_value() ? &*note : nullptr));
   };
-  return static_cast<ExitCode>(DoBehindForeground(work, duties));
+  const int code = DoBehindForeground(work, duties);
+  if (note.has_value()) {
+    note->LeaveAsItIs();  // settled, by the one process or the other
+  }
+  return static_cast<ExitCode>(code);
 }
 
 }  // namespace featurehost

@@ -21,6 +21,7 @@ namespace {
 
 constexpr const char* kSuffix = ".json";
 constexpr const char* kTemporarySuffix = ".tmp";
+constexpr std::size_t kIdLength = 32;
 constexpr mode_t kFolderMode = 0700;
 constexpr mode_t kFileMode = 0600;
 
@@ -95,6 +96,16 @@ std::vector<std::filesystem::path> Files(const std::string& folder) {
   return files;
 }
 
+/** Whether we may have written it; a folder of the user's choice may hold other files too. */
+bool HasNameOfANote(std::filesystem::path file) {
+  if (file.extension() == kTemporarySuffix) {
+    file.replace_extension();
+  }
+  const std::string id = file.stem();
+  return file.extension() == kSuffix && id.size() == kIdLength &&
+         id.find_first_not_of("0123456789abcdef") == std::string::npos;
+}
+
 std::optional<RunNote> NoteIn(const std::filesystem::path& file) {
   const auto note = file.extension() == kSuffix ? ParseNote(ReadText(file)) : std::nullopt;
   return note.has_value() && note->id == file.stem() ? note : std::nullopt;
@@ -148,8 +159,7 @@ std::vector<RunNote> RunFolder::Notes() const {
 std::vector<std::string> RunFolder::Rubbish() const {
   std::vector<std::string> rubbish;
   for (const auto& file : Files(path_)) {
-    const bool isOurs = file.extension() == kSuffix || file.extension() == kTemporarySuffix;
-    if (isOurs && !NoteIn(file).has_value()) {
+    if (HasNameOfANote(file) && !NoteIn(file).has_value()) {
       rubbish.push_back(file);
     }
   }

@@ -57,6 +57,11 @@ std::string MountSpace() {
   return WithStart(Link("/proc/self/ns/mnt"));
 }
 
+/** Whether /proc is there, and tells of the processes that our numbers mean. */
+bool HasOwnProc() {
+  return Link("/proc/self") == std::to_string(getpid()) && !BootId().empty();
+}
+
 Json ProcessesOf(const RunNote& note) {
   Json processes = Json::array();
   for (const ProcessName& process : note.processes) {
@@ -103,15 +108,15 @@ void MarkChildren(const RunNote& note) {
 }
 
 bool IsOfEarlierBoot(const RunNote& note) {
-  return note.boot != BootId();
+  return HasOwnProc() && note.boot != BootId();
 }
 
 bool SeesProcessesOf(const RunNote& note) {
-  return !IsOfEarlierBoot(note) && note.processSpace == ProcessSpace();
+  return HasOwnProc() && !IsOfEarlierBoot(note) && note.processSpace == ProcessSpace();
 }
 
 bool SeesMountsOf(const RunNote& note) {
-  return !IsOfEarlierBoot(note) && note.mountSpace == MountSpace();
+  return HasOwnProc() && !IsOfEarlierBoot(note) && note.mountSpace == MountSpace();
 }
 
 std::optional<pid_t> RunningProcess(const RunNote& note) {

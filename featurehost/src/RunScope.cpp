@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <filesystem>
 
 #include "featurehost/src/Items.h"
 #include "featurehost/src/Paths.h"
@@ -70,10 +71,10 @@ RunScope ScopeOf(const Properties& properties) {
     const std::string point = properties.Text(item + "mountpoint");
     const std::string target = properties.Text(item + "target");
     if (!point.empty()) {
-      scope.mountPoints.push_back(point);
+      scope.mountPoints.push_back(std::filesystem::absolute(point));
     }
     if (!target.empty()) {
-      scope.targets.push_back(target);
+      scope.targets.push_back(std::filesystem::absolute(target));
     }
     if (item == kEndOfLineItem) {
       scope.folder = kEndOfLineFolder;

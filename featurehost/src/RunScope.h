@@ -21,7 +21,7 @@ struct RunScope {
   bool Meets(const RunScope& other) const;
 };
 
-/** What the items in a feature's update list work on. */
+/** What the items in a feature's update list work on; relative paths are those of this moment. */
 RunScope ScopeOf(const Properties& properties);
 
 }  // namespace featurehost

@@ -32,10 +32,20 @@ bool IsMounted(const LoopDevice& loop) {
                      [&loop](const Mount& mount) { return mount.device == loop.device; });
 }
 
+bool IsThere(const Mount& mount) {
+  const auto mounts = Mounts();
+  return std::any_of(mounts.begin(), mounts.end(),
+                     [&mount](const Mount& other) { return other.name == mount.name; });
+}
+
 LeftOver Unmount(const Mount& mount) {
   LeftOver leftOver = LeftMount(mount);
   int error = 0;
   const auto isDone = [&mount, &error] {
+    if (!IsThere(mount)) {
+      error = 0;  // gone by itself: what lies beneath it is not ours
+      return true;
+    }
     error = umount2(mount.Point().c_str(), UMOUNT_NOFOLLOW) == 0 ? 0 : errno;
     return error != EBUSY;
   };
@@ -107,6 +117,7 @@ std::vector<LeftOver> UnitChanges::FindForeignMounts() const {
     if (!scope_.HasMountPoint(mount.Point())) {
       found.push_back(LeftMount(mount));
       found.back().done = "not at a mount point of this feature; left as it is";
+      found.back().foreign = true;
     }
   }
   return found;

@@ -17,6 +17,9 @@
 #include "tests/support/RecordedLog.h"
 #include "tests/support/TempDir.h"
 
+/** There in a build with sanitizers. */
+extern "C" int __lsan_do_recoverable_leak_check() __attribute__((weak));
+
 namespace faults {
 
 namespace {
@@ -68,9 +71,21 @@ bool IsSanitizerReport(const std::string& text) {
          text.find("runtime error:") != std::string::npos;
 }
 
+/**
+ * LeakSanitizer reads its suppressions when it first looks for leaks. In a cell, with its empty
+ * /tmp, it would not find them if the project lies there.
+ */
+void LoadSuppressions() {
+  if (__lsan_do_recoverable_leak_check != nullptr) {
+    static const int found = __lsan_do_recoverable_leak_check();
+    EXPECT_EQ(0, found) << "leaks before the first cell";
+  }
+}
+
 }  // namespace
 
 Verdict RunInCellProcess(const std::function<void()>& body) {
+  LoadSuppressions();
   const support::TempDir folder;
   const std::string errorFile = folder / "errors";
   const int errors = open(errorFile.c_str(), O_CREAT | O_RDWR | O_APPEND | O_CLOEXEC, 0600);

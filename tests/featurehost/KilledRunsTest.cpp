@@ -232,16 +232,22 @@ TEST_F(KilledRunsTest, OfARunAmongOtherMountsOnlyTheProcessesAreEnded) {
 
 TEST_F(KilledRunsTest, DamagedNotesDisturbNobodyAndAreCleanedUp) {
   RunFolder::ForWriting();
-  support::WriteFile(Notes() + "/a.json", "{\"id\":");
-  support::WriteFile(Notes() + "/b.json.tmp", "");
-  support::WriteFile(Notes() + "/ffff.json", ToText(Killed()));
-  support::WriteFile(Notes() + "/readme.txt", "");
+  const std::string some = "/" + std::string(32, 'a') + ".json";
+  const std::string begun = "/" + std::string(32, 'b') + ".json.tmp";
+  const std::string renamed = "/" + std::string(32, 'f') + ".json";
+  support::WriteFile(Notes() + some, "{\"id\":");
+  support::WriteFile(Notes() + begun, "");
+  support::WriteFile(Notes() + renamed, ToText(Killed()));
+  // Not of our making: the folder may be one of the user's choice.
+  for (const char* name : {"/readme.txt", "/results.json", "/notes.tmp", "/abc.json.tmp"}) {
+    support::WriteFile(Notes() + name, "");
+  }
   EXPECT_EQ("", Refusal({}));
   const std::string text = CleanUpText(ExitCode::kSuccess);
-  for (const char* name : {"/a.json", "/b.json.tmp", "/ffff.json"}) {
+  for (const std::string& name : {some, begun, renamed}) {
     EXPECT_THAT(text, HasSubstr("note " + Notes() + name + ": damaged; removed\n"));
   }
-  EXPECT_EQ(1, std::distance(std::filesystem::directory_iterator(Notes()), {}));
+  EXPECT_EQ(4, std::distance(std::filesystem::directory_iterator(Notes()), {}));
 }
 
 TEST_F(KilledRunsTest, FolderThatOthersCanWriteToIsNotTrusted) {
@@ -280,6 +286,27 @@ TEST_F(KilledRunsTest, RunIsNotedAsLongAsItLives) {
   }
   EXPECT_THAT(RunFolder::ForWriting().Rubbish(), IsEmpty());
   EXPECT_FALSE(HasNote(note));
+}
+
+TEST_F(KilledRunsTest, RunThatCouldNotCleanUpKeepsItsNote) {
+  const LeftOver cleaned{LeftOver::Kind::kProcess, "process 7", true, "ended"};
+  const LeftOver busy{LeftOver::Kind::kMount, "/mnt (dev)", false, "cannot be unmounted: busy"};
+  LeftOver foreign = busy;
+  foreign.foreign = true;
+  const auto isNotedAfter = [this](const std::vector<LeftOver>& leftOvers) {
+    const RunNote note = NewNote("maincpu", "update.toml", WithFolder(), {});
+    {
+      NotedRun run(note);
+      run.Settle(leftOvers);
+    }
+    const bool isNoted = HasNote(note);
+    RunFolder::ForWriting().Remove(note);
+    return isNoted;
+  };
+
+  EXPECT_FALSE(isNotedAfter({}));
+  EXPECT_FALSE(isNotedAfter({cleaned, foreign}));
+  EXPECT_TRUE(isNotedAfter({cleaned, busy}));
 }
 
 TEST_F(KilledRunsTest, SecondInstallOnTheSameTargetsIsRefused) {

@@ -21,6 +21,9 @@ std::optional<std::uint64_t> CheckNumber(const Subject& subject, const Item& ite
   if (!text.has_value()) {
     return std::nullopt;
   }
+  if (text->empty() && std::string(suffix) == "offset") {
+    return 0;  // may be empty, and is read as what is meant
+  }
   const Number number = ReadNumber(*text);
   if (!number.found || number.rest.find_first_not_of(" \t\r\n") != std::string::npos) {
     subject.findings.Add(Kind::kNumberUnparsable, {item.name, key, *text},

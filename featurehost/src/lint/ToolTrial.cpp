@@ -72,7 +72,8 @@ class Start {
 
 bool EndsInTime(pid_t process, std::chrono::milliseconds limit, int& status) {
   const auto end = Time::now() + limit;
-  while (waitpid(process, &status, WNOHANG) == 0) {
+  pid_t ended = 0;
+  while ((ended = waitpid(process, &status, WNOHANG)) == 0) {
     if (Time::now() >= end) {
       kill(-process, SIGKILL);
       waitpid(process, &status, 0);
@@ -80,7 +81,7 @@ bool EndsInTime(pid_t process, std::chrono::milliseconds limit, int& status) {
     }
     std::this_thread::sleep_for(kStep);
   }
-  return true;
+  return ended == process;
 }
 
 }  // namespace

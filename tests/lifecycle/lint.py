@@ -77,6 +77,14 @@ class LintOfAWholeUpdate(WholeUpdateTestCase):
         self.assertEqual([("target-mounted", "rootfstarget")], self.found())
         self.assertEqual(LINT_ERRORS, self.code)
 
+    def test_target_of_a_copy_is_in_use_although_it_is_not_mounted(self):
+        holder = os.open("/dev/mmcblk1p1", os.O_RDONLY | os.O_EXCL)
+        try:
+            self.assertEqual([("target-mounted", "rootfstarget")], self.found())
+        finally:
+            os.close(holder)
+        self.assertEqual([], self.found())
+
     def test_target_of_a_mount_is_mounted(self):
         self.mount("/dev/mmcblk0p1", self.update / "mnt")
         self.assertEqual([("target-mounted", "userfstarget")], self.found())

@@ -16,6 +16,7 @@ struct FileFacts {
   Type type = Type::kMissing;
   std::uint64_t size = 0;  ///< in bytes, of a file or a block device; 0 when it is not known
   bool readable = false;
+  bool inUse = false;  ///< of a block device: someone has it for himself, as a mount does, or swap
 };
 
 /** The two ends of a compressed file. */

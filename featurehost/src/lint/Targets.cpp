@@ -83,13 +83,18 @@ void CheckRoom(const Subject& subject, const Findings::Place& place, const FileF
   }
 }
 
-void CheckNotMounted(const Subject& subject, const Findings::Place& place) {
+void CheckNotInUse(const Subject& subject, const Findings::Place& place, const FileFacts& target) {
   const auto points = subject.environment.MountPointsOf(place.value);
   if (!points.empty()) {
     subject.findings.Add(
         Kind::kTargetMounted, place,
         "it is mounted (" + Joined(points) + "): what is written beneath a file system destroys it",
         "a device that is not mounted, or unmount it before");
+  } else if (target.inUse) {
+    subject.findings.Add(Kind::kTargetMounted, place,
+                         "something has this device for itself: a mount elsewhere, swap, a volume "
+                         "group or an array, which a copy would destroy",
+                         "a device that nothing uses");
   }
 }
 
@@ -166,7 +171,7 @@ void CheckImageTarget(const Subject& subject, const Item& item, const Findings::
   }
   const FileFacts target = subject.environment.Look(place.value);
   if (CheckType(subject, place, target, true)) {
-    CheckNotMounted(subject, place);
+    CheckNotInUse(subject, place, target);
     const std::string source = SourceKey(item, subject.update, subject.environment);
     CheckRoom(subject, place, target,
               subject.sources.Of(subject.update.Text(source)).Unpacked().value_or(0));
@@ -191,7 +196,7 @@ void CheckFactoryTarget(const Subject& subject, const Item& item, const Findings
   }
   const FileFacts target = subject.environment.Look(place.value);
   if (CheckType(subject, place, target, true)) {
-    CheckNotMounted(subject, place);
+    CheckNotInUse(subject, place, target);
     const Number size = ReadNumber(subject.update.Text(item.Key("size")));
     CheckRoom(subject, place, target, size.value > 0 ? static_cast<std::uint64_t>(size.value) : 0);
   }

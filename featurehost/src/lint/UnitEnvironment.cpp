@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
@@ -78,6 +79,19 @@ std::uint64_t DeviceSize(const std::string& path) {
          kSector;
 }
 
+/**
+ * Also what the mount table here does not tell: swap, volume groups, arrays, and mounts in other
+ * namespaces. Asking takes the device for this moment only, and changes nothing on it.
+ */
+bool IsInUse(const std::string& device) {
+  const int descriptor = open(device.c_str(), O_RDONLY | O_EXCL | O_NONBLOCK | O_CLOEXEC);
+  if (descriptor == -1) {
+    return errno == EBUSY;
+  }
+  close(descriptor);
+  return false;
+}
+
 /** BGZF and the like: the size of the member in an extra field of its header, named "BC". */
 bool IsInBlocks(std::string_view header) {
   constexpr std::size_t kFlags = 3;
@@ -104,6 +118,7 @@ FileFacts UnitEnvironment::Look(const std::string& path) const {
   } else if (S_ISBLK(status.st_mode)) {
     facts.type = FileFacts::Type::kBlockDevice;
     facts.size = DeviceSize(path);
+    facts.inUse = IsInUse(path);
   } else {
     facts.type = FileFacts::Type::kOther;
   }

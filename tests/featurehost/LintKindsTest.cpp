@@ -307,6 +307,12 @@ TEST(LintTest, GoodUpdateOnAGoodUnitIsClean) {
   EXPECT_THAT(IdsOf(unpacked.Lint()), testing::IsEmpty());
 }
 
+TEST(LintTest, EmptyOffsetIsTheZeroThatIsMeant) {
+  Scene scene;
+  scene.values["factorydataoffset"] = "";
+  EXPECT_THAT(IdsOf(scene.Lint()), testing::IsEmpty());
+}
+
 class LintKindTest : public testing::TestWithParam<KindCase> {};
 
 TEST_P(LintKindTest, IsFoundAloneAndExplained) {

@@ -1,3 +1,4 @@
+#include <filesystem>
 #include <gmock/gmock.h>
 #include <unistd.h>
 
@@ -27,6 +28,17 @@ TEST_F(RunScopeTest, ComesFromTheItemsOfTheUpdateList) {
   EXPECT_THAT(scope.mountPoints, ElementsAre("/mnt"));
   EXPECT_THAT(scope.targets, ElementsAre("/dev/a", "/dev/b"));
   EXPECT_EQ("/tmp/eolmountpoint", scope.folder);
+}
+
+TEST_F(RunScopeTest, RelativePathsAreThoseOfTheRunsFolder) {
+  const Properties properties("maincpu", {{"updatelist", "userfs"},
+                                          {"updateprogresslist", "1"},
+                                          {"userfsmountpoint", "mnt"},
+                                          {"userfstarget", "card"}});
+  const RunScope scope = ScopeOf(properties);
+  const std::string here = std::filesystem::current_path().string() + "/";
+  EXPECT_THAT(scope.mountPoints, ElementsAre(here + "mnt"));
+  EXPECT_THAT(scope.targets, ElementsAre(here + "card"));
 }
 
 TEST_F(RunScopeTest, FolderBelongsToEndOfLineSettingsAlone) {

@@ -529,6 +529,23 @@ class Abort(HostTestCase):
         self.assertIn("featurehost: ended by force; nothing is known to be installed",
                       result.errors)
 
+    def test_front_whose_messages_nobody_reads_stays_in_front(self):
+        self.script("dd", f"touch {self.folder}/running; exec sleep 600")
+        process = self.start("install", self.factory_data())
+        self.wait_for((self.folder / "running").exists, "dd")
+        worker = int(children(process.pid)[0])
+        process.stderr.close()
+        process.send_signal(signal.SIGINT)
+        with self.assertRaises(subprocess.TimeoutExpired):
+            process.wait(0.5)
+        end = time.monotonic() + TIME_LIMIT
+        while process.poll() is None and time.monotonic() < end:
+            process.send_signal(signal.SIGINT)
+            time.sleep(0.5)
+        self.assertEqual(ABORTED, process.wait(1))
+        process.stdout.close()
+        self.assertFalse(os.path.exists(f"/proc/{worker}"))
+
     def test_signal_to_both_processes_counts_once(self):
         process = self.start_silent("abort")
         worker = int(children(process.pid)[0])

@@ -699,6 +699,17 @@ class ImageLoaderCopyTest : public ImageLoaderTest {
     properties_.values["imgtargetsize"] = "4294967295";
   }
 
+  /** The image is aside meanwhile. zcat reads a word from a pipe of its name, and fails. */
+  void InstallWithFailingZcat() {
+    const std::string aside = dir_ / "aside";
+    std::filesystem::rename(source_, aside);
+    support::Shell("mkfifo '" + source_ + "'");
+    loader_->Install();
+    ASSERT_THAT(support::Children(), SizeIs(2));
+    support::WriteFile(source_, "now\n");
+    std::filesystem::rename(aside, source_);
+  }
+
   void ServeToTheEnd(milliseconds period = milliseconds(1000)) {
     support::Ticks ticks(period);
     EXPECT_TRUE(Eventually([&] {
@@ -750,14 +761,19 @@ TEST_F(ImageLoaderCopyTest, ProgressIsWhatDDHasWritten) {
 TEST_F(ImageLoaderCopyTest, AnImageIsInstalledAgainAfterSuccessAndAfterFailure) {
   const auto content = support::RandomBytes(100000);
   MakeImage(content);
-  const auto image = ReadFile(source_);
+  // Fails once it is told to: ended before Install looks, it would be a failed start instead, after
+  // which a wrapper copies no more.
+  tools_.Add("zcat", "[ -p \"$1\" ] || exec /bin/zcat \"$1\"\nread -r word <\"$1\"\nexit 1");
   ASSERT_EQ(ETrue, loader_->Prepare());
 
   for (const bool good : {true, false, true}) {
-    support::WriteFile(source_, good ? image : "no image");
     std::filesystem::remove(target_);
     callback_.Forget();
-    loader_->Install();
+    if (good) {
+      loader_->Install();
+    } else {
+      InstallWithFailingZcat();
+    }
     ServeToTheEnd();
     EXPECT_EQ(good ? "Completed 1" : "Completed 0", callback_.Reports().back());
     EXPECT_EQ(good, content == ReadFile(target_));

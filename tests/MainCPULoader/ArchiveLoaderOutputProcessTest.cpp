@@ -1,4 +1,5 @@
 #include <cerrno>
+#include <sys/ioctl.h>
 
 #include "MainCPULoader/src/ArchiveLoaderOutputProcess.h"
 #include "tests/MainCPULoader/ChildPipeTests.h"
@@ -64,6 +65,25 @@ class ArchiveLoaderOutputProcessTest : public support::CleanTest {
   TempDir directory_;
   TempDir target_;
 };
+
+/**
+ * A child that waits until the pipe behind a descriptor is full, sends this process a SIGUSR1,
+ * which interrupts the write that waits, and makes a file.
+ */
+void SignalOnceFull(int descriptor, const std::string& file) {
+  struct sigaction action {};
+  action.sa_handler = [](int /*number*/) {};
+  sigaction(SIGUSR1, &action, nullptr);
+  if (fork() == 0) {
+    int held = 0;
+    while (ioctl(descriptor, FIONREAD, &held) == 0 && held < fcntl(descriptor, F_GETPIPE_SZ)) {
+      usleep(1000);
+    }
+    kill(getppid(), SIGUSR1);
+    close(creat(file.c_str(), 0600));
+    _exit(0);
+  }
+}
 
 /** Where /bin/tar is replaced. */
 class ArchiveLoaderOutputProcessWithScriptTest : public ArchiveLoaderOutputProcessTest {
@@ -134,6 +154,19 @@ TEST_F(ArchiveLoaderOutputProcessTest, KeepsASigpipeOfTheHostThatWasPendingBefor
     sigpending(&pending);
     EXPECT_EQ(1, sigismember(&pending, SIGPIPE));
   });
+}
+
+TEST_F(ArchiveLoaderOutputProcessTest, WritesASingleByte) {
+  const std::string tar = TarOf("abc");
+  {
+    CArchiveLoaderOutputProcess process;
+    ASSERT_TRUE(Create(process));
+    for (const char byte : tar) {
+      ASSERT_TRUE(process.Write(&byte, 1));
+    }
+  }
+
+  EXPECT_EQ("abc", support::ReadFile(target_ / "name"));
 }
 
 TEST_F(ArchiveLoaderOutputProcessTest, NothingToWriteIsWritten) {
@@ -208,6 +241,24 @@ TEST_F(ArchiveLoaderOutputProcessWithScriptTest, WritesAllOfItToAChildThatTakesI
   }
 
   EXPECT_TRUE(bytes == support::ReadFile(record));
+}
+
+TEST_F(ArchiveLoaderOutputProcessWithScriptTest, GoesOnWithTheRestAfterAWriteThatASignalCutShort) {
+  const std::string record = directory_ / "record";
+  const std::string signalled = directory_ / "signalled";
+  const CoveredTool tool("/bin/tar", "while [ ! -e '" + signalled +
+                                         "' ]; do sleep 0.01; done; cat > '" + record + "'");
+  const std::string bytes = support::RandomBytes(200000);
+  InExpendableProcess([&] {
+    const auto before = support::OpenDescriptors();
+    {
+      CArchiveLoaderOutputProcess process;
+      ASSERT_TRUE(Create(process));
+      SignalOnceFull(childpipes::Added(before).begin()->first, signalled);
+      EXPECT_TRUE(Write(process, bytes));
+    }
+    EXPECT_TRUE(bytes == support::ReadFile(record));
+  });
 }
 
 }  // namespace

@@ -15,6 +15,7 @@
 #include "tests/support/FakeBroker.h"
 #include "tests/support/FakeCallback.h"
 #include "tests/support/FakeProperties.h"
+#include "tests/support/HostFakes.h"
 #include "tests/support/RecordedLog.h"
 #include "tests/support/ScriptedTools.h"
 
@@ -413,6 +414,21 @@ TEST_F(ArchiveLoaderTest, AMissingArchiveStartsNoChildButSubscribes) {
   EXPECT_THAT(callback_.Reports(), ElementsAre("Completed 0", "Completed 1"));
 }
 
+TEST_F(ArchiveLoaderTest, AnArchiveThatTheHostDoesNotKnowStartsNoChildThoughItCanBeRead) {
+  MakeArchive(1000);
+  MakeLoader().Prepare();
+  support::HostFakes::Instance().results["InternalFileExists"] = EFalse;
+  Forget();
+
+  loader_->Install();
+
+  EXPECT_THAT(
+      RecordedLog::Instance().Errors(),
+      ElementsAre(KLog.Error("Install", "ArchiveLoader: could not find archive: " + archive_),
+                  KNoOutput, KNoInput));
+  EXPECT_THAT(TakeTrace(), ElementsAre(Mounting(), "Subscribe"));
+}
+
 TEST_F(ArchiveLoaderTest, AnArchiveWithAllBitsOfItsSizeSetCannotBeToldFromAnUnreadableOne) {
   MakeArchive(0xFFFFFFFF);
   MakeLoader().Prepare();
@@ -461,9 +477,13 @@ TEST_F(ArchiveLoaderTest, WithoutPipesItBehavesAsAFailedStartAndAFailedRead) {
 
   loader_->Install();
   EXPECT_THAT(RecordedLog::Instance().Errors(), ElementsAre(KNoOutput, KNoInput));
+  RecordedLog::Instance().Clear();
 
   broker_.Tick();
   EXPECT_THAT(callback_.Reports(), ElementsAre("Completed 0"));
+  EXPECT_THAT(
+      RecordedLog::Instance().Errors(),
+      ElementsAre(KLog.Error("OnEvent", "ArchiveLoader: Error installing update. retVal = -1")));
 }
 
 TEST_F(ArchiveLoaderTest, WithoutAnUnpackerTheFirstPieceCannotBeWritten) {

@@ -3,15 +3,20 @@
 #include <algorithm>
 #include <csignal>
 #include <fcntl.h>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <gmock/gmock.h>
 #include <linux/sched.h>
+#include <map>
 #include <memory>
+#include <set>
+#include <string>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "SWLInfra/src/Pipe.h"
 #include "SWLInfra/src/Text.h"
 #include "tests/support/CleanTest.h"
 #include "tests/support/Expendable.h"
@@ -90,12 +95,48 @@ inline pid_t IdleChildWithId(pid_t id) {
   return child;
 }
 
+/** The value of a line such as "SigBlk:\t0000" in /proc/PID/status. */
+inline std::string StatusField(pid_t process, const std::string& name) {
+  std::ifstream status("/proc/" + std::to_string(process) + "/status");
+  for (std::string key, value; status >> key && std::getline(status, value);) {
+    if (key == name + ":") {
+      return value.substr(value.find_first_not_of(" \t"));
+    }
+  }
+  return "";
+}
+
+inline void WaitUntilItHasItsProgram(pid_t child) {
+  while (StatusField(child, "Name") == StatusField(getpid(), "Name")) {
+    usleep(1000);
+  }
+}
+
+/** The numbers of a process's open descriptors, sorted as texts. */
+inline std::set<std::string> DescriptorsOf(pid_t process) {
+  std::set<std::string> numbers;
+  for (const auto& entry :
+       std::filesystem::directory_iterator("/proc/" + std::to_string(process) + "/fd")) {
+    numbers.insert(entry.path().filename());
+  }
+  return numbers;
+}
+
 template <typename TTraits>
 class ChildPipeTest : public support::CleanTest {
  protected:
   using TPipe = typename TTraits::TPipe;
 
   bool Create(TPipe& pipe) { return pipe.Create(Bytes(argument_)); }
+
+  /** Of the pipe behind the one descriptor that Create keeps. */
+  int CapacityOnceCreated(TPipe& pipe) {
+    const auto before = support::OpenDescriptors();
+    EXPECT_TRUE(Create(pipe));
+    const auto added = Added(before);
+    EXPECT_EQ(1U, added.size());
+    return added.empty() ? -1 : fcntl(added.begin()->first, F_GETPIPE_SZ);
+  }
 
   static support::LogSource Log() { return {logging::MainCPULoader, TTraits::KSource}; }
 
@@ -119,7 +160,9 @@ TYPED_TEST_P(ChildPipeTest, KeepsOneEndWhichNoOtherChildInherits) {
   const auto before = support::OpenDescriptors();
   typename TypeParam::TPipe pipe;
 
+  testing::internal::CaptureStdout();
   ASSERT_TRUE(this->Create(pipe));
+  EXPECT_EQ("", testing::internal::GetCapturedStdout()) << "no assertion is broken";
 
   const auto added = Added(before);
   ASSERT_EQ(1U, added.size());
@@ -130,15 +173,44 @@ TYPED_TEST_P(ChildPipeTest, KeepsOneEndWhichNoOtherChildInherits) {
 }
 
 TYPED_TEST_P(ChildPipeTest, HasTheCapacityThatTheOwnerChose) {
-  const auto before = support::OpenDescriptors();
+  const int page = static_cast<int>(sysconf(_SC_PAGESIZE));
+  for (const auto& [chosen, capacity] : std::map<int, int>{{1, page}, {262144, 262144}}) {
+    typename TypeParam::TPipe pipe;
+    pipe.SetCapacity(chosen);
+
+    EXPECT_EQ(capacity, this->CapacityOnceCreated(pipe));
+  }
+}
+
+TYPED_TEST_P(ChildPipeTest, HasTheKernelsCapacityWhenTheOwnerChoseNone) {
+  CPipe kernels;
+  ASSERT_TRUE(kernels.Open());
   typename TypeParam::TPipe pipe;
-  pipe.SetCapacity(262144);
 
-  ASSERT_TRUE(this->Create(pipe));
+  EXPECT_EQ(fcntl(kernels.ReadEnd(), F_GETPIPE_SZ), this->CapacityOnceCreated(pipe));
+}
 
-  const auto added = Added(before);
-  ASSERT_EQ(1U, added.size());
-  EXPECT_EQ(262144, fcntl(added.begin()->first, F_GETPIPE_SZ));
+TYPED_TEST_P(ChildPipeTest, ItsChildInheritsTheStandardStreamsOnly) {
+  const std::string impossible = support::EnterPrivateMounts();
+  if (!impossible.empty()) {
+    GTEST_SKIP() << impossible;
+  }
+  const support::CoveredTool tool =
+      support::CoveredTool::WithProgram(TypeParam::KTool, "/bin/busybox");
+  support::InExpendableProcess([this] {
+    for (const auto& entry : support::OpenDescriptors()) {
+      if (entry.first > STDERR_FILENO) {
+        fcntl(entry.first, F_SETFD, FD_CLOEXEC);
+      }
+    }
+    typename TypeParam::TPipe pipe;
+    ASSERT_TRUE(pipe.Create(Bytes(TypeParam::ArgumentToWaitOn(this->directory_))));
+    const pid_t child = OnlyChild();
+    WaitUntilItHasItsProgram(child);
+
+    EXPECT_THAT(DescriptorsOf(child), testing::ElementsAre("0", "1", "2"));
+    kill(child, SIGKILL);
+  });
 }
 
 TYPED_TEST_P(ChildPipeTest, WaitsForItsChildAndReportsEvenANormalEndAsAFailedWait) {
@@ -209,12 +281,16 @@ template <typename TPipe>
 void ExpectThatTheChildComesBack(const std::function<bool(TPipe&)>& create) {
   constexpr int KCameBack = 42;
   const pid_t self = getpid();
+  const auto before = support::OpenDescriptors();
   TPipe pipe;
   const bool created = create(pipe);
   if (getpid() != self) {
-    // Nothing here is the copy's: it must be able to leave without a wait or a line.
+    // Nothing here is the copy's: it must be able to leave without a wait or a line. Of the pipe it
+    // has the parent's end.
     pipe.~TPipe();
-    _exit(created || !support::RecordedLog::Instance().Lines().empty() ? 1 : KCameBack);
+    const bool asExpected =
+        !created && support::RecordedLog::Instance().Lines().empty() && Added(before).size() == 1;
+    _exit(asExpected ? KCameBack : 1);
   }
   EXPECT_TRUE(created);
   const int status = Reap(OnlyChild());
@@ -248,17 +324,6 @@ TYPED_TEST_P(ChildPipeTest, AChildThatCannotMoveItsEndReturnsFalseIntoItsCaller)
   });
 }
 
-/** The value of a line such as "SigBlk:\t0000" in /proc/PID/status. */
-inline std::string StatusField(pid_t process, const std::string& name) {
-  std::ifstream status("/proc/" + std::to_string(process) + "/status");
-  for (std::string key, value; status >> key && std::getline(status, value);) {
-    if (key == name + ":") {
-      return value.substr(value.find_first_not_of(" \t"));
-    }
-  }
-  return "";
-}
-
 TYPED_TEST_P(ChildPipeTest, StartsItsChildWithDefaultSignalsAndLeavesTheHostsAsTheyAre) {
   const std::string impossible = support::EnterPrivateMounts();
   if (!impossible.empty()) {
@@ -279,9 +344,7 @@ TYPED_TEST_P(ChildPipeTest, StartsItsChildWithDefaultSignalsAndLeavesTheHostsAsT
     typename TypeParam::TPipe pipe;
     ASSERT_TRUE(pipe.Create(Bytes(TypeParam::ArgumentToWaitOn(this->directory_))));
     const pid_t child = OnlyChild();
-    while (StatusField(child, "Name") == StatusField(getpid(), "Name")) {
-      usleep(1000);
-    }
+    WaitUntilItHasItsProgram(child);
 
     EXPECT_EQ("0000000000000000", StatusField(child, "SigIgn"));
     EXPECT_EQ("0000000000000000", StatusField(child, "SigBlk"));
@@ -293,6 +356,8 @@ TYPED_TEST_P(ChildPipeTest, StartsItsChildWithDefaultSignalsAndLeavesTheHostsAsT
 
 REGISTER_TYPED_TEST_SUITE_P(ChildPipeTest, ThatWasNeverStartedEndsWithoutAWord,
                             KeepsOneEndWhichNoOtherChildInherits, HasTheCapacityThatTheOwnerChose,
+                            HasTheKernelsCapacityWhenTheOwnerChoseNone,
+                            ItsChildInheritsTheStandardStreamsOnly,
                             WaitsForItsChildAndReportsEvenANormalEndAsAFailedWait,
                             ASecondCreateReportsABrokenAssertionAndStartsAnotherChild,
                             AFailedPipeIsReportedAndLeavesNothing,

@@ -254,6 +254,8 @@ TEST_F(DecompressorPaceTest, AfterPiecesThatWereReadWriteByWriteTheDecompressorG
     EXPECT_LE(1, counter.Stops());
     EXPECT_NE('T', support::ProcessState(decompressor->ProcessId()));
     EXPECT_EQ(0, fcntl(decompressor->ReadEnd(), F_GETFL) & O_ASYNC);
+    EXPECT_EQ(0, fcntl(decompressor->ReadEnd(), F_GETSIG));
+    EXPECT_EQ(0, fcntl(decompressor->ReadEnd(), F_GETOWN));
   }
 }
 

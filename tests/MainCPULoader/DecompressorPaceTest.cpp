@@ -1,17 +1,22 @@
 #include <csignal>
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <sys/syscall.h>
+#include <sys/time.h>
 
 #include "MainCPULoader/src/DecompressorPace.h"
 #include "tests/MainCPULoader/ImageCheck.h"
+#include "tests/support/Expendable.h"
 #include "tests/support/PrivateMounts.h"
 #include "tests/support/RecordedLog.h"
+#include "tests/support/SystemCalls.h"
 
 namespace {
 
 using support::ImageCheck;
 using support::PatientInputProcess;
 using support::RandomBytes;
+using support::SystemCalls;
 using Sizes = std::vector<std::size_t>;
 
 volatile std::sig_atomic_t stops = 0;
@@ -38,6 +43,38 @@ class StopCounter {
   StopCounter& operator=(const StopCounter&) = delete;
 
   int Stops() const { return stops; }
+
+ private:
+  struct sigaction before_ {};
+};
+
+volatile std::sig_atomic_t alarms = 0;
+
+void CountAlarm(int /*number*/) {
+  ++alarms;
+}
+
+/** Interrupts whatever waits, a hundred times a second. */
+class Interruptions {
+ public:
+  Interruptions() {
+    alarms = 0;
+    struct sigaction action {};
+    action.sa_handler = CountAlarm;
+    sigaction(SIGALRM, &action, &before_);
+    const itimerval often{{0, 10000}, {0, 10000}};
+    setitimer(ITIMER_REAL, &often, nullptr);
+  }
+  ~Interruptions() {
+    const itimerval never{};
+    setitimer(ITIMER_REAL, &never, nullptr);
+    sigaction(SIGALRM, &before_, nullptr);
+  }
+
+  Interruptions(const Interruptions&) = delete;
+  Interruptions& operator=(const Interruptions&) = delete;
+
+  int Count() const { return alarms; }
 
  private:
   struct sigaction before_ {};
@@ -259,6 +296,22 @@ TEST_F(DecompressorPaceTest, AfterPiecesThatWereReadWriteByWriteTheDecompressorG
   }
 }
 
+TEST_F(DecompressorPaceTest, AStopIsWaitedForThroughSignals) {
+  MakeMembers({4000, 500, 100000});
+  // A decompressor that was taken for running would stay stopped for ever.
+  support::InExpendableProcess([this] {
+    const StopCounter counter;
+    ImageCheck check(Image(), Target(), 4500, new PatientInputProcess);
+    // The first call looks whether there is still a child to stop.
+    SystemCalls::Instance().Fail("waitid", EINTR, 1, 3);
+
+    EXPECT_EQ("Completed 1", check.Run());
+
+    EXPECT_EQ(3, SystemCalls::Instance().Failed());
+    EXPECT_LE(1, counter.Stops());
+  });
+}
+
 TEST_F(DecompressorPaceTest, ALargeImageOfSeveralMembersPassesWithASlowReader) {
   for (const std::size_t last : Sizes{500, 3000, 5000, 70000}) {
     SCOPED_TRACE(last);
@@ -338,6 +391,65 @@ TEST_F(OtherDecompressorTest, ADecompressorThatIsTheSlowerSideIsNeverStopped) {
     EXPECT_EQ("Completed 1", check.Run());
     EXPECT_EQ(0, counter.Stops());
   }
+}
+
+TEST_F(OtherDecompressorTest, WhereSignalsInterruptTheWaitForAPieceTheDecompressorIsNotStopped) {
+  // The last but one piece, which is waited for, comes late.
+  const support::CoveredTool zcat("/bin/zcat", "sleep 0.3; exec cat \"$1\"");
+  const std::string content = RandomBytes(5000);
+  support::WriteFile(Image(), content);
+  support::WriteFile(Target(), content);
+  const StopCounter counter;
+  const Interruptions interruptions;
+  ImageCheck check(Image(), Target(), content.length());
+
+  EXPECT_EQ("Completed 1", check.Run());
+
+  EXPECT_LE(3, interruptions.Count());
+  EXPECT_EQ(0, counter.Stops());
+}
+
+TEST_F(OtherDecompressorTest, WhereAPieceCannotBeWaitedForTheDecompressorIsPausedInstead) {
+  const support::CoveredTool zcat("/bin/zcat", "sleep 0.1; exec cat \"$1\"");
+  const std::string content = RandomBytes(5000);
+  support::WriteFile(Image(), content);
+  support::WriteFile(Target(), content);
+  support::InExpendableProcess([&] {
+    const StopCounter counter;
+#ifdef SYS_poll
+    support::RefuseSystemCall(SYS_poll, ENOMEM);
+#else
+    support::RefuseSystemCall(SYS_ppoll, ENOMEM);
+#endif
+    ImageCheck check(Image(), Target(), content.length(), new PatientInputProcess);
+
+    EXPECT_EQ("Completed 1", check.Run());
+
+    EXPECT_LE(1, counter.Stops());
+  });
+}
+
+TEST_F(OtherDecompressorTest, APipeThatCannotBeNarrowedIsAskedOnceAndReadOn) {
+  // Goes on after the image: without a narrow pipe an end would come too early.
+  const support::CoveredTool zcat("/bin/zcat", "cat \"$1\"; exec cat /dev/zero");
+  const std::string content = RandomBytes(600000);
+  support::WriteFile(Image(), content);
+  support::WriteFile(Target(), content);
+  const StopCounter counter;
+  auto* decompressor = new CInputProcess;
+  ImageCheck check(Image(), Target(), content.length(), decompressor);
+  check.Start();
+  SystemCalls::Instance().Fail("fcntl", EINVAL);
+
+  while (!check.Callback().Ended()) {
+    check.Step();
+    ASSERT_FALSE(HasFatalFailure());
+  }
+
+  EXPECT_EQ("Completed 1", check.Callback().Reports().back());
+  EXPECT_EQ(1, SystemCalls::Instance().Failed());
+  EXPECT_EQ(65536, fcntl(decompressor->ReadEnd(), F_GETPIPE_SZ));
+  EXPECT_EQ(0, counter.Stops());
 }
 
 TEST_F(OtherDecompressorTest, ADecompressorThatFailsAtItsEndIsNotedWhileThereIsMoreToRead) {

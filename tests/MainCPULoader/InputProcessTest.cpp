@@ -150,6 +150,17 @@ TEST_F(InputProcessTest, FailsWhenTheChildWasKilled) {
   EXPECT_THAT(RecordedLog::Instance().Lines(), ElementsAre(KGone));
 }
 
+TEST_F(InputProcessTest, FailsWhenTheHostHasCollectedTheChildEvenWithDataInThePipe) {
+  CInputProcess process;
+  Start(process, "abcdef");
+  const pid_t child = OnlyChild();
+  childpipes::WaitUntilEnded(child);
+  EXPECT_EQ(0, childpipes::Reap(child));
+
+  EXPECT_EQ("failed", Read(process));
+  EXPECT_THAT(RecordedLog::Instance().Lines(), ElementsAre(KGone));
+}
+
 TEST_F(InputProcessTest, AReadErrorIsReturnedWithoutALine) {
   support::Shell("mkfifo '" + file_ + "'");
   // As long as it could be written to, zcat waits for its content.

@@ -216,9 +216,10 @@ TEST_F(MainCPULoaderTest, PrepareAndInstallForAnotherFeatureAreIgnoredInSilence)
 TEST_F(MainCPULoaderTest, AnAddressWithoutBytesIsNoAddress) {
   CreatePrepared({1});
 
-  broker_.Deliver({EEventUser, EUserEventControllerInstall, 7, nullptr});
-
-  EXPECT_THAT(stage_.journal, IsEmpty());
+  for (const TUint32 size : {0U, 7U}) {
+    broker_.Deliver({EEventUser, EUserEventControllerInstall, size, nullptr});
+    EXPECT_THAT(stage_.journal, IsEmpty()) << size;
+  }
 }
 
 TEST_F(MainCPULoaderTest, IdsAreComparedOverAllTheirBytes) {

@@ -3,7 +3,10 @@
 #include <csignal>
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <sched.h>
 #include <sstream>
+#include <sys/mman.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/time.h>
 #include <sys/wait.h>
@@ -11,6 +14,9 @@
 
 #include "SWLInfra/src/ChildProcess.h"
 #include "tests/support/CleanTest.h"
+#include "tests/support/Eventually.h"
+#include "tests/support/Expendable.h"
+#include "tests/support/PrivateMounts.h"
 
 namespace {
 
@@ -212,6 +218,66 @@ TEST_F(ChildProcessTest, WaitingForSomethingThatIsNoChildFails) {
   int status = 0;
   EXPECT_EQ(-1, WaitForEnd(getpid(), status));
   EXPECT_EQ(ECHILD, errno);
+}
+
+/** A child that goes on as this program until it is ended. */
+pid_t IdleChild() {
+  const pid_t child = ForkWithDefaultSignals();
+  if (child == 0) {
+    pause();
+    _exit(0);
+  }
+  return child;
+}
+
+void EndChild(pid_t child) {
+  int status = 0;
+  kill(child, SIGKILL);
+  EXPECT_EQ(child, WaitForEnd(child, status));
+}
+
+TEST_F(ChildProcessTest, AProcessThatIsGoneDiesOfNothing) {
+  const pid_t child = IdleChild();
+  EXPECT_TRUE(WouldDieOf(child, SIGUSR1)) << "it runs this program";
+  EndChild(child);
+
+  EXPECT_FALSE(WouldDieOf(child, SIGUSR1));
+}
+
+TEST_F(ChildProcessTest, WithoutProcThereIsNoTellingWhatAChildWouldDieOf) {
+  const std::string impossible = support::EnterPrivateMounts();
+  if (!impossible.empty()) {
+    GTEST_SKIP() << impossible;
+  }
+  support::InExpendableProcess([] {
+    const pid_t child = IdleChild();
+    EXPECT_TRUE(WouldDieOf(child, SIGUSR1)) << "it runs this program";
+    ASSERT_EQ(0, unshare(CLONE_NEWNS));
+    ASSERT_EQ(0, mount("none", "/proc", "tmpfs", 0, nullptr));
+
+    EXPECT_FALSE(WouldDieOf(child, SIGUSR1));
+    EndChild(child);
+  });
+}
+
+TEST_F(ChildProcessTest, AProgramOnAnotherFileSystemIsNotTheHosts) {
+  const int file = memfd_create("sleep", MFD_CLOEXEC);
+  ASSERT_NE(-1, file);
+  const std::string program = support::ReadFile("/bin/sleep");
+  ASSERT_EQ(static_cast<ssize_t>(program.length()), write(file, program.data(), program.length()));
+  const std::string path = "/proc/self/fd/" + std::to_string(file);
+
+  const pid_t child = ForkWithDefaultSignals();
+  if (child == 0) {
+    std::signal(SIGUSR1, SIG_IGN);  // stays so in another program
+    execl(path.c_str(), "sleep", "1000", static_cast<char*>(nullptr));
+    _exit(99);
+  }
+  close(file);
+
+  EXPECT_TRUE(support::Eventually([&] { return !WouldDieOf(child, SIGUSR1); }));
+  EXPECT_TRUE(WouldDieOf(child, SIGUSR2));
+  EndChild(child);
 }
 
 TEST_F(ChildProcessTest, AMovedDescriptorIsInheritedAndItsOriginalIsNot) {

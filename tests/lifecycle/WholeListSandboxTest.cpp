@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <ctime>
+#include <functional>
 #include <gmock/gmock.h>
 #include <memory>
 #include <sstream>
@@ -45,6 +46,24 @@ Usage UsageNow() {
 }
 
 const std::vector<unsigned> kWeights = {60, 25, 10, 3, 2};
+
+/**
+ * Do something with the first event that is delivered while the image is copied. It is the last one
+ * of the archive, but not always the first of 60 %: the percentage is rounded.
+ */
+void OnceTheImageCopies(LiveHost& host, const std::function<void()>& action) {
+  host.On("205 60", [&host, action] {
+    const auto& lines = RecordedLog::Instance().Lines();
+    const bool copies = std::any_of(lines.begin(), lines.end(), [](const auto& line) {
+      return line.function == "virtual void CImageLoader::Install()";
+    });
+    if (copies) {
+      action();
+    } else {
+      OnceTheImageCopies(host, action);
+    }
+  });
+}
 
 TEST_F(WholeListTest, InstallsEveryItemAndReportsWeightedProgress) {
   LiveHost host(properties_);
@@ -96,7 +115,7 @@ TEST_F(WholeListTest, AnInstallWithoutAnotherPrepareStopsAtTheCheckWhichHasNothi
 TEST_F(WholeListTest, APrepareDuringTheImageStopsItsCopy) {
   SlowImage();
   LiveHost host(properties_);
-  host.On("205 60", [&] { host.Post(EUserEventControllerPrepare); });
+  OnceTheImageCopies(host, [&] { host.Post(EUserEventControllerPrepare); });
   host.StartInstall();
   host.ServeUntil("204");
 
@@ -129,7 +148,7 @@ TEST_F(WholeListTest, AnAbortDuringTheImageEndsItsChildrenBeforeItIsAnswered) {
   SlowImage();
   LiveHost host(properties_);
   std::size_t childrenAtAnswer = 99;
-  host.On("205 60", [&] { host.Post(EUserEventControllerAbort); });
+  OnceTheImageCopies(host, [&] { host.Post(EUserEventControllerAbort); });
   host.On("207", [&] { childrenAtAnswer = support::Children().size(); });
   host.StartInstall();
   host.ServeUntil("207");

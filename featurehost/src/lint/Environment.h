@@ -17,6 +17,7 @@ struct FileFacts {
   std::uint64_t size = 0;  ///< in bytes, of a file or a block device; 0 when it is not known
   bool readable = false;
   bool inUse = false;  ///< of a block device: someone has it for himself, as a mount does, or swap
+  bool isPartition = false;  ///< of a block device: it lies on another one
 };
 
 /** The two ends of a compressed file. */
@@ -44,6 +45,8 @@ class Environment {
   Environment& operator=(const Environment&) = delete;
 
   virtual FileFacts Look(const std::string& path) const = 0;
+  /** The path without links, as far as there is something at it. */
+  virtual std::string Canonical(const std::string& path) const = 0;
   /** Nothing when the file cannot be read. */
   virtual std::optional<GzipEnds> Ends(const std::string& path) const = 0;
   /** Where a block device, or a part of it, is mounted. */

@@ -68,6 +68,7 @@ constexpr Row kRows[] = {
     {"mountpoint-missing", Kind::kMountPointMissing, kError},
     {"mountpoint-in-use", Kind::kMountPointInUse, kWarning},
     {"target-missing", Kind::kTargetMissing, kError},
+    {"partition-from-image", Kind::kPartitionFromImage, kWarning},
     {"target-not-a-device", Kind::kTargetNotADevice, kWarning},
     {"target-unusable", Kind::kTargetUnusable, kError},
     {"target-mounted", Kind::kTargetMounted, kError},

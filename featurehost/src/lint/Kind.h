@@ -63,6 +63,7 @@ enum class Kind {
   kMountPointMissing,
   kMountPointInUse,
   kTargetMissing,
+  kPartitionFromImage,
   kTargetNotADevice,
   kTargetUnusable,
   kTargetMounted,

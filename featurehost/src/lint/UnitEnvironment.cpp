@@ -18,6 +18,7 @@
 
 #include "featurehost/src/KilledRuns.h"
 #include "featurehost/src/MountTable.h"
+#include "featurehost/src/Paths.h"
 #include "featurehost/src/RunFolder.h"
 #include "featurehost/src/lint/ToolTrial.h"
 
@@ -119,10 +120,15 @@ FileFacts UnitEnvironment::Look(const std::string& path) const {
     facts.type = FileFacts::Type::kBlockDevice;
     facts.size = DeviceSize(path);
     facts.inUse = IsInUse(path);
+    facts.isPartition = !WholeOf(NumberOf(path)).empty();
   } else {
     facts.type = FileFacts::Type::kOther;
   }
   return facts;
+}
+
+std::string UnitEnvironment::Canonical(const std::string& path) const {
+  return featurehost::Canonical(path);
 }
 
 std::optional<GzipEnds> UnitEnvironment::Ends(const std::string& path) const {

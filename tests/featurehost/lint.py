@@ -138,6 +138,14 @@ class LintBeforeInstall(LintTools, HostTestCase):
         self.assertEqual([200, 201, 202, 203, 205, 204], [e["code"] for e in result.events()])
         self.assertEqual(100, self.target.stat().st_size)
 
+    def test_names_that_the_shell_leaves_alone_are_installed(self):
+        source = self.write("#fac~tory#.bin~", os.urandom(500))
+        result = self.run_host("install", self.factory_data(
+            offset=7, size=400, factorydatasource=str(source),
+            factorydatatarget=str(self.folder / "#device~")))
+        self.assertEqual(SUCCESS, result.code, result)
+        self.assertEqual(source.read_bytes()[7:407], (self.folder / "#device~").read_bytes())
+
     def test_quiet_shows_no_warnings(self):
         self.script("dd", "exit 0")
         result = self.run_host("install", "--quiet", self.factory_data())

@@ -101,10 +101,39 @@ TEST_F(LintEnvironmentTest, BusyBoxIsToldByWhatItDoesWithADamagedFile) {
   EXPECT_EQ(*code == 0, unit_.AcceptsDamage(zcat));
 }
 
+/** Values that no dd takes; the last one is a number to it, but nobody has that much memory. */
+constexpr const char* kRefusedBlockSizes[] = {"0",
+                                              "0k",
+                                              "00",
+                                              "-1",
+                                              "32q",
+                                              "32k ",
+                                              "9999999999999999G",
+                                              "99999999999G",
+                                              "18446744073709551616",
+                                              "1000000G"};
+
 TEST_F(LintEnvironmentTest, DdIsTriedWithTheBlockSize) {
   EXPECT_EQ(true, unit_.TakesBlockSize("32k"));
-  EXPECT_EQ(false, unit_.TakesBlockSize("32q"));
-  EXPECT_EQ(false, unit_.TakesBlockSize("0"));
+  EXPECT_EQ(true, unit_.TakesBlockSize("4096"));
+  for (const char* text : kRefusedBlockSizes) {
+    EXPECT_EQ(false, unit_.TakesBlockSize(text)) << text;
+  }
+}
+
+TEST_F(LintEnvironmentTest, BusyBoxDdIsTriedWithTheBlockSize) {
+  if (unit_.Tool("busybox") != ToolState::kUsable) {
+    GTEST_SKIP() << "no busybox on this machine";
+  }
+  Script("dd", "exec busybox dd \"$@\"");
+  const std::string path = getenv("PATH");  // NOLINT(concurrency-mt-unsafe): there is one thread
+  setenv("PATH", (folder_.Path() + ":" + path).c_str(), 1);
+  EXPECT_EQ(true, unit_.TakesBlockSize("32k"));
+  EXPECT_EQ(true, unit_.TakesBlockSize("4096"));
+  for (const char* text : kRefusedBlockSizes) {
+    EXPECT_EQ(false, unit_.TakesBlockSize(text)) << text;
+  }
+  setenv("PATH", path.c_str(), 1);
 }
 
 TEST_F(LintEnvironmentTest, TrialsHaveNeitherInputNorOutput) {

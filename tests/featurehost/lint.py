@@ -7,7 +7,7 @@ import os
 import signal
 
 import end_to_end
-from end_to_end import ABORTED, SUCCESS, TIME_LIMIT, USAGE, HostTestCase
+from end_to_end import ABORTED, INSTALL_FAILED, SUCCESS, TIME_LIMIT, USAGE, HostTestCase
 
 LINT_ERRORS = 1
 
@@ -81,6 +81,19 @@ class Lint(LintTools, HostTestCase):
     def test_configuration_that_cannot_be_read(self):
         self.assert_refused(self.run_host("lint", "missing.toml"), USAGE, "missing.toml")
         self.assert_refused(self.run_host("lint"), USAGE, "CONFIG")
+
+    def test_block_size_that_dd_refuses_is_found_before_the_install_fails_with_it(self):
+        source = self.write("rootfs.img.gz", gzip.compress(b"image" * 1000))
+        target = self.write("device", b"")
+        for text in ("0", "0k", "-1", "99999999999G", "1000000G"):
+            path = self.configuration({
+                "updatelist": "rootfs", "updateprogresslist": "100",
+                "rootfssource": str(source), "rootfstarget": str(target), "rootfschecksum": "",
+                "rootfstargetsize": 5000, "rootfsblocksize": text})
+            self.assertIn("blocksize-refused", self.kinds(path), text)
+            result = self.run_host("install", "--no-lint", path)
+            self.assertEqual(INSTALL_FAILED, result.code, result)
+            self.assertEqual(b"", target.read_bytes())
 
     def test_tools_are_looked_for_on_the_path(self):
         self.environment["PATH"] = str(self.folder)

@@ -215,7 +215,8 @@ std::optional<bool> UnitEnvironment::AcceptsDamage(const std::string& decompress
 }
 
 std::optional<bool> UnitEnvironment::TakesBlockSize(const std::string& text) const {
-  const auto code = TryTool("dd", {"if=/dev/null", "of=/dev/null", "count=0", "bs=" + text});
+  // Without a count, as the item runs it: told to copy nothing, it does not even ask for memory.
+  const auto code = TryTool("dd", {"if=/dev/null", "of=/dev/null", "bs=" + text});
   return code.has_value() ? std::optional(*code == 0) : std::nullopt;
 }
 

@@ -41,6 +41,8 @@ void CheckBeforeInstall(const Options& options, const featurehost::lint::LintReq
   featurehost::RefuseBesideOtherRuns(featurehost::ScopeOf({check.featureId, check.properties}));
   if (!options.noLint) {
     featurehost::lint::LintBeforeInstall(check);
+  } else if (const std::size_t runs = featurehost::UnjudgedRuns(); runs > 0 && !options.quiet) {
+    featurehost::SayUnjudged(runs);
   }
 }
 

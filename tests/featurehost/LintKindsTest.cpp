@@ -226,6 +226,7 @@ const std::vector<KindCase>& Cases() {
        [](Scene& s) { s.unit.tools["/bin/tar"] = ToolState::kNotExecutable; }},
       {Kind::kZcatAcceptsDamage, "rootfs", "", [](Scene& s) { s.unit.accepting.insert("zcat"); }},
       {Kind::kKilledRun, "", "", [](Scene& s) { s.unit.others.killed = {"an install"}; }},
+      {Kind::kRunsUnknown, "", "", [](Scene& s) { s.unit.others.unjudged = 2; }},
       {Kind::kOtherInstall, "", "", [](Scene& s) { s.unit.others.running = {"other"}; }},
   };
   return cases;

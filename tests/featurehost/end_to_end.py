@@ -826,6 +826,48 @@ class Killed(HostTestCase):
         process.terminate()
         process.communicate(timeout=TIME_LIMIT)
 
+    def run_in_other_processes(self, *arguments, proc=False):
+        """Run the host in a process namespace of its own, with a /proc of its own or not."""
+        words = ["unshare", "--pid", "--fork", *(["--mount-proc"] if proc else [])]
+        if os.getuid() != 0:
+            words[1:1] = ["--user", "--map-root-user"]
+        if subprocess.run([*words, "true"], check=False, stderr=subprocess.DEVNULL).returncode != 0:
+            self.skipTest("no process namespace of our own")
+        result = subprocess.run([*words, *self.command(*arguments)], cwd=self.folder,
+                                env=self.environment, stdin=subprocess.DEVNULL, check=False,
+                                capture_output=True, text=True, timeout=TIME_LIMIT)
+        return Result(result.returncode, result.stdout, result.stderr)
+
+    def test_without_a_proc_of_its_own_it_says_that_it_cannot_judge(self):
+        left = self.killed_run()
+        update = self.factory_data()
+        result = self.run_in_other_processes("cleanup", proc=True)
+        self.assertEqual((SUCCESS, ["nothing to clean up"], ""),
+                         (result.code, result.lines, result.errors))
+
+        for options in ([], ["--dry-run"], ["--quiet"], ["--json"]):
+            self.assert_refused(self.run_in_other_processes("cleanup", *options), 1,
+                                "that are noted (1)", "/proc", "mount -t proc proc /proc")
+        result = self.run_in_other_processes("lint", "--json", update)
+        self.assertEqual(SUCCESS, result.code, result)
+        self.assertIn(("runs-unknown", "warning", "/proc"), [
+            (event.get("kind"), event.get("severity"), event.get("value"))
+            for event in result.events()])
+        result = self.run_in_other_processes("install", "--no-lint", update)
+        self.assertEqual(SUCCESS, result.code, result)
+        self.assertEqual(1, result.errors.count("featurehost: cannot tell"), result)
+        self.assertIn("that are noted (1)", result.errors)
+        result = self.run_in_other_processes("install", "--no-lint", "--quiet", update)
+        self.assertEqual(SUCCESS, result.code, result)
+        self.assertNotIn("featurehost: ", result.errors)
+
+        self.assertEqual([left], self.left())
+        self.assertEqual(SUCCESS, self.run_host("cleanup").code)
+        self.assertEqual(([], []), (self.left(), self.notes()))
+        result = self.run_in_other_processes("cleanup")
+        self.assertEqual((SUCCESS, ["nothing to clean up"], ""),
+                         (result.code, result.lines, result.errors))
+
     def test_run_leaves_no_note(self):
         for end, code in (("success", SUCCESS), ("failure", INSTALL_FAILED),
                           ("crash", INSTALL_FAILED)):

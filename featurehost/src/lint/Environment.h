@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -33,6 +34,7 @@ enum class ToolState { kMissing, kNotExecutable, kUsable };
 struct OtherRuns {
   std::vector<std::string> running;  ///< features that are being installed on the same targets
   std::vector<std::string> killed;   ///< what killed installs have left behind, a line for each
+  std::size_t unjudged = 0;          ///< noted installs that may be either: /proc does not tell
 };
 
 /** What the checks have to know about the unit. Asking changes nothing on it. */

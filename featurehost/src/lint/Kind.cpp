@@ -81,6 +81,7 @@ constexpr Row kRows[] = {
     {"tool-not-executable", Kind::kToolNotExecutable, kError},
     {"zcat-accepts-damage", Kind::kZcatAcceptsDamage, kWarning},
     {"killed-run", Kind::kKilledRun, kError},
+    {"runs-unknown", Kind::kRunsUnknown, kWarning},
     {"other-install", Kind::kOtherInstall, kError},
 };
 

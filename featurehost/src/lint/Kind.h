@@ -76,6 +76,7 @@ enum class Kind {
   kToolNotExecutable,
   kZcatAcceptsDamage,
   kKilledRun,
+  kRunsUnknown,
   kOtherInstall,
 };
 

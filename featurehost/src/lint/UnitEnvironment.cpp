@@ -222,6 +222,7 @@ std::optional<bool> UnitEnvironment::TakesBlockSize(const std::string& text) con
 
 OtherRuns UnitEnvironment::RunsBeside(const RunScope& scope) const {
   OtherRuns others;
+  others.unjudged = UnjudgedRuns();
   for (const RunFolder& folder : RunFolder::ForReading()) {
     for (const RunNote& note : folder.Notes()) {
       // Not by KilledRuns(), which would drop notes.

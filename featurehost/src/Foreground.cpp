@@ -43,15 +43,6 @@ sigset_t FrontSignals() {
   return signals;
 }
 
-void EnsureChildrenCanBeAwaited() {
-  // Inherited as ignored, nobody's children could be waited for, neither ours nor the module's.
-  if (IsIgnored(SIGCHLD)) {
-    struct sigaction action {};
-    action.sa_handler = SIG_DFL;
-    sigaction(SIGCHLD, &action, nullptr);
-  }
-}
-
 [[noreturn]] void Work(const std::function<int()>& work, pid_t front, const sigset_t& mask) {
   AdoptProcess();
   setsid();
@@ -101,7 +92,6 @@ int WaitAndRelay(pid_t child, const sigset_t& signals, const FrontDuties& duties
 }  // namespace
 
 int DoBehindForeground(const std::function<int()>& work, const FrontDuties& duties) {
-  EnsureChildrenCanBeAwaited();
   const sigset_t signals = FrontSignals();
   sigset_t blocked = signals;
   // Ctrl-Z would stop the front alone and leave an update running that seems to be stopped.

@@ -27,6 +27,8 @@ struct FrontDuties {
  * third request, a second or more after the one before it, kills the child. When the front is gone,
  * the child gets the stop signal as well.
  *
+ * SIGCHLD must not be ignored.
+ *
  * @param work  runs in the child; its result is the child's exit code, and this function's.
  */
 int DoBehindForeground(const std::function<int()>& work, const FrontDuties& duties);

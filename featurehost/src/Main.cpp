@@ -1,3 +1,4 @@
+#include <csignal>
 #include <exception>
 #include <fcntl.h>
 #include <iostream>
@@ -28,6 +29,13 @@ void FillStandardStreams() {
       open("/dev/null", O_RDWR);  // the lowest free number, which is this one
     }
   }
+}
+
+/** Inherited as ignored, no child could be waited for: no trial, no tool, not the run itself. */
+void HearOfChildren() {
+  struct sigaction action {};
+  action.sa_handler = SIG_DFL;
+  sigaction(SIGCHLD, &action, nullptr);
 }
 
 ExitCode PrintType(const Options& options) {
@@ -88,6 +96,7 @@ ExitCode Obey(const Options& options) {
 
 int main(int count, char** arguments) {
   FillStandardStreams();
+  HearOfChildren();
   try {
     const auto options = featurehost::ParseCommandLine(count, arguments);
     return static_cast<int>(options.has_value() ? Obey(*options) : ExitCode::kSuccess);

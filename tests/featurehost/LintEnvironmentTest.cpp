@@ -1,4 +1,5 @@
 #include <chrono>
+#include <csignal>
 #include <cstdlib>
 #include <gmock/gmock.h>
 #include <sys/stat.h>
@@ -20,6 +21,8 @@ class LintEnvironmentTest : public HostTest {
     chmod((folder_ / name).c_str(), mode);
     return folder_ / name;
   }
+
+  static constexpr std::chrono::milliseconds kShort{200};
 
   UnitEnvironment unit_;
 };
@@ -140,6 +143,19 @@ TEST_F(LintEnvironmentTest, TrialsHaveNeitherInputNorOutput) {
   EXPECT_EQ(0, TryTool(Script("quiet", "cat; echo loud; echo louder >&2; exit 0"), {}));
   EXPECT_EQ(7, TryTool(Script("seven", "exit 7"), {}));
   EXPECT_EQ(std::nullopt, TryTool(Script("killed", "kill -9 $$"), {}));
+}
+
+TEST_F(LintEnvironmentTest, TrialWhoseEndCannotBeHeardOfTellsNothing) {
+  // The kernel keeps no exit code then, and the wait ends without one.
+  struct sigaction ignored {};
+  struct sigaction before {};
+  ignored.sa_handler = SIG_IGN;
+  ASSERT_EQ(0, sigaction(SIGCHLD, &ignored, &before));
+  EXPECT_EQ(std::nullopt, TryTool(Script("good", "exit 0"), {}));
+  EXPECT_EQ(std::nullopt, unit_.TakesBlockSize("32q"));
+  EXPECT_EQ(std::nullopt, TryTool(Script("hang", "exec sleep 1000"), {}, kShort));
+  sigaction(SIGCHLD, &before, nullptr);
+  EXPECT_EQ(false, unit_.TakesBlockSize("32q"));
 }
 
 TEST_F(LintEnvironmentTest, TrialThatHangsIsEndedWithItsChildren) {

@@ -31,6 +31,12 @@ def default_signals():
         signal.signal(number, signal.SIG_DFL)
 
 
+def ignored_children():
+    """As a caller that does not want to hear of its children: the host inherits that."""
+    default_signals()
+    signal.signal(signal.SIGCHLD, signal.SIG_IGN)
+
+
 class HostTestCase(unittest.TestCase):
     # Most of these are about what the host does with a module, whatever the configuration says.
     lint = False
@@ -199,6 +205,16 @@ class Install(HostTestCase):
         self.assertTrue(result.errors.splitlines()[-1].startswith(
             "featurehost: the install of feature 'maincpu' failed"), result)
         self.assertNotIn("100 %", result.output)
+
+    def test_children_are_waited_for_although_the_caller_ignores_its_own(self):
+        result = self.run_host("install", self.factory_data(), preexec_fn=ignored_children)
+        self.assertEqual(SUCCESS, result.code, result)
+        self.assertEqual(100, self.target.stat().st_size)
+        # Whose exit code is not known counts as done.
+        self.script("dd", "exit 5")
+        result = self.run_host("install", self.factory_data(), preexec_fn=ignored_children)
+        self.assertEqual(INSTALL_FAILED, result.code, result)
+        self.assertIn("exited, result=5", result.errors)
 
     def test_failed_prepare_is_not_installed(self):
         self.script("dd", f"touch {self.folder}/called")

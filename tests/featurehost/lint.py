@@ -7,7 +7,7 @@ import os
 import signal
 
 import end_to_end
-from end_to_end import ABORTED, INSTALL_FAILED, SUCCESS, TIME_LIMIT, USAGE, HostTestCase
+from end_to_end import ABORTED, INSTALL_FAILED, SUCCESS, TIME_LIMIT, USAGE, HostTestCase, ignored_children
 
 LINT_ERRORS = 1
 
@@ -94,6 +94,14 @@ class Lint(LintTools, HostTestCase):
             result = self.run_host("install", "--no-lint", path)
             self.assertEqual(INSTALL_FAILED, result.code, result)
             self.assertEqual(b"", target.read_bytes())
+
+    def test_tools_are_tried_although_the_caller_ignores_its_children(self):
+        # Left like that, nobody would hear how the trial ended.
+        self.script("dd", "exit 1")
+        path = self.image(updatelist="rootfs", rootfschecksum="", rootfsblocksize="64k")
+        for command in ("lint", "install"):
+            result = self.run_host(command, path, preexec_fn=ignored_children)
+            self.assertIn("error blocksize-refused", result.output + result.errors)
 
     def test_tools_are_looked_for_on_the_path(self):
         self.environment["PATH"] = str(self.folder)

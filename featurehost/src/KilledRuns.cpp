@@ -44,8 +44,7 @@ std::vector<LeftOver> EndProcesses(const RunNote& note) {
         stuck.insert(process);
       }
       ended = true;
-      found.push_back({LeftOver::Kind::kProcess, what, !how.empty(),
-                       how.empty() ? "does not end, not even when killed" : how});
+      found.push_back(LeftProcess(what, how));
     }
     if (!ended) {
       break;

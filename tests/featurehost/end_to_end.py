@@ -4,6 +4,7 @@ misbehave. Needs FEATUREHOST (the executable, the real module beside it), TEST_M
 folder of the modules) and SYNC_SPY. Exit status 77: everything was skipped."""
 
 import contextlib
+import ctypes
 import json
 import os
 import pathlib
@@ -150,6 +151,35 @@ def state(process):
     with contextlib.suppress(OSError):
         return pathlib.Path(f"/proc/{process}/stat").read_text().rsplit(")", 1)[1].split()[0]
     return ""
+
+
+class Undying:
+    """A process that SIGKILL does not end, as one that waits for a device: it is traced, and stops
+    on its way out until it is let go."""
+    SEIZE, CONTINUE, STOP_AT_EXIT = 0x4206, 7, 1 << 6
+    WAIT_FOR_ALL = 0x40000000  # __WALL
+
+    def __init__(self, process):
+        self.process = process
+        self.held = True
+        if self.trace(self.SEIZE, self.STOP_AT_EXIT) != 0:
+            raise unittest.SkipTest("no process may be traced here: "
+                                    + os.strerror(ctypes.get_errno()))
+
+    def trace(self, request, data):
+        call = ctypes.CDLL(None, use_errno=True).ptrace
+        call.restype = ctypes.c_long
+        call.argtypes = [ctypes.c_long, ctypes.c_long, ctypes.c_void_p, ctypes.c_void_p]
+        return call(request, self.process, None, data)
+
+    def let_go(self):
+        """Let it die; returns when it has."""
+        if self.held:
+            os.kill(self.process, signal.SIGKILL)
+        while self.held:
+            _, status = os.waitpid(self.process, self.WAIT_FOR_ALL)
+            self.held = os.WIFSTOPPED(status)
+            self.trace(self.CONTINUE, 0)
 
 
 def processes_with(text):
@@ -544,6 +574,42 @@ class Abort(HostTestCase):
         self.assertIn("featurehost: left behind: process", result.errors)
         self.assertIn("featurehost: ended by force; nothing is known to be installed",
                       result.errors)
+
+    def test_run_that_does_not_end_when_it_is_killed_is_left_and_told(self):
+        marker = f"4{os.getpid()}"
+        self.script("dd", f"exec sleep {marker}")
+        update = self.factory_data()
+        errors = self.folder / "errors"
+        with open(errors, "w", encoding="utf-8") as stream:  # the run keeps it open
+            process = self.start("install", update, stdout=stream, stderr=stream)
+        self.wait_for(lambda: processes_with(f"sleep\0{marker}"), "dd")
+        worker = int(children(process.pid)[0])
+        held = Undying(worker)
+        self.addCleanup(held.let_go)
+
+        for answer in ("stopping as soon as the module can", "not waiting for the module"):
+            process.send_signal(signal.SIGINT)
+            self.wait_for(lambda answer=answer: answer in errors.read_text(), answer)
+        time.sleep(1.1)
+        process.send_signal(signal.SIGINT)
+        self.assertEqual(ABORTED, process.wait(TIME_LIMIT))
+        self.assertNotIn(state(worker), ("", "Z"))
+        lines = errors.read_text().splitlines()
+        self.assertEqual(
+            f"featurehost: process {worker} does not end, not even when killed, and nothing is "
+            "known to be installed; once it has ended, run featurehost cleanup", lines[-1])
+        left = [line for line in lines if line.startswith("featurehost: left behind: ")]
+        self.assertRegex(left[0], rf"process {worker} \(.*\): does not end, not even when killed$")
+        self.assertRegex("\n".join(left[1:]), rf"process \d+ \(sleep {marker}\): ended")
+        self.assertEqual([], processes_with(f"sleep\0{marker}"))
+
+        # It may still write: the next install waits for it.
+        self.assert_refused(self.run_host("install", update), USAGE,
+                            f"process {worker} is installing feature 'maincpu'")
+        held.let_go()
+        result = self.run_host("cleanup")
+        self.assertEqual((SUCCESS, ["nothing to clean up"]), (result.code, result.lines))
+        self.assertEqual([], os.listdir(self.folder / "runs"))
 
     def test_front_whose_messages_nobody_reads_stays_in_front(self):
         self.script("dd", f"touch {self.folder}/running; exec sleep 600")

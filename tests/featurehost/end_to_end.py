@@ -582,6 +582,8 @@ class Abort(HostTestCase):
         errors = self.folder / "errors"
         with open(errors, "w", encoding="utf-8") as stream:  # the run keeps it open
             process = self.start("install", update, stdout=stream, stderr=stream)
+        self.addCleanup(lambda: [os.kill(tool, signal.SIGKILL)
+                                 for tool in processes_with(f"sleep\0{marker}")])
         self.wait_for(lambda: processes_with(f"sleep\0{marker}"), "dd")
         worker = int(children(process.pid)[0])
         held = Undying(worker)

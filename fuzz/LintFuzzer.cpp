@@ -25,6 +25,7 @@ class AnyEnvironment : public Environment {
     return {static_cast<FileFacts::Type>(input_.ConsumeIntegralInRange<int>(0, 4)),
             input_.ConsumeIntegral<std::uint64_t>(), input_.ConsumeBool()};
   }
+  std::string Canonical(const std::string& path) const override { return path; }
   std::optional<GzipEnds> Ends(const std::string& /*path*/) const override {
     if (input_.ConsumeBool()) {
       return std::nullopt;

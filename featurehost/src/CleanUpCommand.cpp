@@ -56,10 +56,17 @@ class Story {
     std::cout.flush();
   }
 
-  ExitCode End() const {
+  /** @param unjudged  installs of which it cannot be told whether there is something to be found.
+   */
+  ExitCode End(std::size_t unjudged) const {
+    if (unjudged > 0) {
+      SayUnjudged(unjudged);
+    }
     if (left_ > 0) {
       std::cerr << "featurehost: " << left_ << (left_ == 1 ? " thing is" : " things are")
                 << (request_.dryRun ? " to be cleaned up" : " still there") << std::endl;
+    }
+    if (left_ > 0 || unjudged > 0) {
       return ExitCode::kNotCleaned;
     }
     if (!found_ && !request_.json && !request_.quiet) {
@@ -136,7 +143,7 @@ ExitCode CleanUpKilledRuns(const CleanUpRequest& request) {
     }
     story.Found(std::nullopt, RemoveRubbish(folder, request.dryRun));
   }
-  return story.End();
+  return story.End(UnjudgedRuns());
 }
 
 }  // namespace featurehost

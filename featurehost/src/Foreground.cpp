@@ -1,5 +1,6 @@
 #include "featurehost/src/Foreground.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -21,7 +22,8 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr int kForcingRequest = 3;
-constexpr std::chrono::seconds kPatience{1};  // after the request before it
+constexpr std::chrono::seconds kPatience{1};       // after the request before it
+constexpr std::chrono::seconds kLastPatience{10};  // with one that has been killed
 
 bool IsIgnored(int number) {
   struct sigaction action {};
@@ -41,15 +43,6 @@ sigset_t FrontSignals() {
     }
   }
   return signals;
-}
-
-void EnsureChildrenCanBeAwaited() {
-  // Inherited as ignored, nobody's children could be waited for, neither ours nor the module's.
-  if (IsIgnored(SIGCHLD)) {
-    struct sigaction action {};
-    action.sa_handler = SIG_DFL;
-    sigaction(SIGCHLD, &action, nullptr);
-  }
 }
 
 [[noreturn]] void Work(const std::function<int()>& work, pid_t front, const sigset_t& mask) {
@@ -75,33 +68,70 @@ void Forget(const sigset_t& signals) {
   }
 }
 
-/** @return how often the user wanted to stop. */
-int WaitAndRelay(pid_t child, const sigset_t& signals, const FrontDuties& duties, int& status) {
+/** How the work ended, or did not. */
+struct End {
+  bool isForced = false;  // the user wanted to stop for the third time
+  bool isThere = true;
+  int status = 0;  // of wait
+};
+
+/** Wait for a signal, but not beyond a point in time. */
+void AwaitSignal(const sigset_t& signals, Clock::time_point limit) {
+  const auto left = std::max<Clock::duration>(limit - Clock::now(), Clock::duration::zero());
+  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(left);
+  const std::chrono::nanoseconds rest = left - seconds;
+  const timespec time{static_cast<time_t>(seconds.count()), static_cast<long>(rest.count())};
+  sigtimedwait(&signals, nullptr, &time);
+}
+
+/** Kill the child. Requests to stop are not heard any more. */
+End Force(pid_t child, const sigset_t& signals) {
+  End end{true};
+  const auto limit = Clock::now() + kLastPatience;
+  kill(child, SIGKILL);
+  while ((end.isThere = waitpid(child, &end.status, WNOHANG) != child) && Clock::now() < limit) {
+    AwaitSignal(signals, limit);
+  }
+  return end;
+}
+
+End WaitAndRelay(pid_t child, const sigset_t& signals, const FrontDuties& duties) {
+  End end;
   int requests = 0;
   auto latest = Clock::now();
-  while (waitpid(child, &status, WNOHANG) != child) {
+  while ((end.isThere = waitpid(child, &end.status, WNOHANG) != child)) {
     const int number = sigwaitinfo(&signals, nullptr);
     if (number <= 0 || number == SIGCHLD) {
       continue;
     }
-    // A key that is held down must not force anything.
-    if (requests + 1 == kForcingRequest && Clock::now() < latest + kPatience) {
-      continue;
+    if (requests + 1 == kForcingRequest) {
+      // A key that is held down must not force anything.
+      if (Clock::now() < latest + kPatience) {
+        continue;
+      }
+      return Force(child, signals);
     }
     latest = Clock::now();
     ++requests;
-    kill(child, requests < kForcingRequest ? kStopSignal : SIGKILL);
-    if (requests < kForcingRequest) {
-      duties.relayed(requests);
-    }
+    kill(child, kStopSignal);
+    duties.relayed(requests);
   }
-  return requests;
+  return end;
+}
+
+int CodeOf(const End& end, pid_t child, const FrontDuties& duties) {
+  if (end.isThere) {
+    return duties.held(child);
+  }
+  if (WIFEXITED(end.status)) {
+    return WEXITSTATUS(end.status);
+  }
+  return end.isForced ? duties.forced() : duties.crashed(WTERMSIG(end.status));
 }
 
 }  // namespace
 
 int DoBehindForeground(const std::function<int()>& work, const FrontDuties& duties) {
-  EnsureChildrenCanBeAwaited();
   const sigset_t signals = FrontSignals();
   sigset_t blocked = signals;
   // Ctrl-Z would stop the front alone and leave an update running that seems to be stopped.
@@ -118,15 +148,8 @@ int DoBehindForeground(const std::function<int()>& work, const FrontDuties& duti
     throw HostError(ExitCode::kModuleNotLoaded,
                     "cannot start a process for the update: " + ErrorText(errno));
   }
-  int status = 0;
-  const int requests = WaitAndRelay(child, signals, duties, status);
-  int code = 0;
-  if (WIFEXITED(status)) {
-    code = WEXITSTATUS(status);
-  } else {
-    // Still deaf to further requests, which must not cut off the cleaning up.
-    code = requests >= kForcingRequest ? duties.forced() : duties.crashed(WTERMSIG(status));
-  }
+  // Still deaf to further requests, which must not cut off the cleaning up.
+  const int code = CodeOf(WaitAndRelay(child, signals, duties), child, duties);
   Forget(signals);
   pthread_sigmask(SIG_SETMASK, &before, nullptr);
   return code;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <functional>
+#include <sys/types.h>
 
 namespace featurehost {
 
@@ -11,6 +12,8 @@ struct FrontDuties {
   /** The user wanted to stop for the third time, and the work was killed; the result is the code.
    */
   std::function<int()> forced;
+  /** As forced, but the process is still there: the kernel does not let it end. */
+  std::function<int(pid_t process)> held;
   /** The work was ended by a signal; the result is the exit code. */
   std::function<int(int signal)> crashed;
 };
@@ -24,8 +27,11 @@ struct FrontDuties {
  * system(3) makes its process ignore SIGINT, so that the host itself would miss it.
  *
  * A tool that hangs may hold the child in the module for ever, where it hears of nothing. So the
- * third request, a second or more after the one before it, kills the child. When the front is gone,
- * the child gets the stop signal as well.
+ * third request, a second or more after the one before it, kills the child. One that waits inside
+ * of the kernel, for a device that does not answer, may not end then either; after ten seconds it
+ * is left behind. When the front is gone, the child gets the stop signal as well.
+ *
+ * SIGCHLD must not be ignored.
  *
  * @param work  runs in the child; its result is the child's exit code, and this function's.
  */

@@ -1,5 +1,6 @@
 #include "featurehost/src/KilledRuns.h"
 
+#include <iostream>
 #include <set>
 
 #include "featurehost/src/HostError.h"
@@ -43,8 +44,7 @@ std::vector<LeftOver> EndProcesses(const RunNote& note) {
         stuck.insert(process);
       }
       ended = true;
-      found.push_back({LeftOver::Kind::kProcess, what, !how.empty(),
-                       how.empty() ? "does not end, not even when killed" : how});
+      found.push_back(LeftProcess(what, how));
     }
     if (!ended) {
       break;
@@ -98,6 +98,26 @@ std::string Describe(const KilledRun& run) {
     line += (&leftOver == &run.left.front() ? "" : ", ") + Describe(leftOver);
   }
   return line + "; run featurehost cleanup";
+}
+
+std::size_t UnjudgedRuns() {
+  std::size_t count = 0;
+  if (!HasOwnProc()) {
+    for (const RunFolder& folder : RunFolder::ForReading()) {
+      count += folder.Notes().size();
+    }
+  }
+  return count;
+}
+
+std::string WhyUnjudged(std::size_t runs) {
+  return "cannot tell of the installs that are noted (" + std::to_string(runs) +
+         ") whether they are at work or were killed: /proc does not show this process namespace";
+}
+
+void SayUnjudged(std::size_t runs) {
+  std::cerr << "featurehost: " << WhyUnjudged(runs)
+            << " (mount -t proc proc /proc, or look where they were started)" << std::endl;
 }
 
 bool IsKilled(const RunNote& note) {

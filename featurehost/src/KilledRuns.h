@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -30,6 +31,15 @@ std::string Describe(const KilledRun& run);
  * or a mount point of them, and what any killed install has left behind.
  */
 std::vector<std::string> ObjectionsOfOtherRuns(const RunScope& scope);
+
+/** How many installs are noted that cannot be judged, as /proc is not that of our namespace. */
+std::size_t UnjudgedRuns();
+
+/** What that means, for people. */
+std::string WhyUnjudged(std::size_t runs);
+
+/** One line on standard error with that, and with what to do about it. */
+void SayUnjudged(std::size_t runs);
 
 /** Whether the install that the note is of has ended without cleaning up. */
 bool IsKilled(const RunNote& note);

@@ -2,6 +2,11 @@
 
 namespace featurehost {
 
+LeftOver LeftProcess(const std::string& what, const std::string& how) {
+  return {LeftOver::Kind::kProcess, what, !how.empty(),
+          how.empty() ? "does not end, not even when killed" : how};
+}
+
 const char* KindName(LeftOver::Kind kind) {
   switch (kind) {
     case LeftOver::Kind::kProcess:

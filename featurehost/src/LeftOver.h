@@ -15,6 +15,10 @@ struct LeftOver {
   bool foreign = false;  ///< perhaps not the run's: told, and left alone
 };
 
+/** A process that was to be ended; @param how  that went ("killed"), empty when it is still there.
+ */
+LeftOver LeftProcess(const std::string& what, const std::string& how);
+
 /** "process", "mount", "loop device", "folder" or "note". */
 const char* KindName(LeftOver::Kind kind);
 

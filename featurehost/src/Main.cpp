@@ -1,3 +1,4 @@
+#include <csignal>
 #include <exception>
 #include <fcntl.h>
 #include <iostream>
@@ -30,6 +31,13 @@ void FillStandardStreams() {
   }
 }
 
+/** Inherited as ignored, no child could be waited for: no trial, no tool, not the run itself. */
+void HearOfChildren() {
+  struct sigaction action {};
+  action.sa_handler = SIG_DFL;
+  sigaction(SIGCHLD, &action, nullptr);
+}
+
 ExitCode PrintType(const Options& options) {
   const featurehost::Module module(options.module);
   std::cout << featurehost::OneLine(module.Type()) << std::endl;
@@ -41,6 +49,8 @@ void CheckBeforeInstall(const Options& options, const featurehost::lint::LintReq
   featurehost::RefuseBesideOtherRuns(featurehost::ScopeOf({check.featureId, check.properties}));
   if (!options.noLint) {
     featurehost::lint::LintBeforeInstall(check);
+  } else if (const std::size_t runs = featurehost::UnjudgedRuns(); runs > 0 && !options.quiet) {
+    featurehost::SayUnjudged(runs);
   }
 }
 
@@ -86,6 +96,7 @@ ExitCode Obey(const Options& options) {
 
 int main(int count, char** arguments) {
   FillStandardStreams();
+  HearOfChildren();
   try {
     const auto options = featurehost::ParseCommandLine(count, arguments);
     return static_cast<int>(options.has_value() ? Obey(*options) : ExitCode::kSuccess);

@@ -95,6 +95,23 @@ std::set<pid_t> Children() {
   return children;
 }
 
+std::vector<ProcessName> DescendantsOf(pid_t process) {
+  std::vector<ProcessName> found;
+  std::set<pid_t> family{process};
+  for (bool isLarger = true; isLarger;) {
+    isLarger = false;
+    for (const pid_t candidate : AllProcesses()) {
+      const ProcessName name = NameOf(candidate);
+      if (family.count(StatusOf(candidate).parent) > 0 && IsAlive(name) &&
+          family.insert(candidate).second) {
+        found.push_back(name);
+        isLarger = true;
+      }
+    }
+  }
+  return found;
+}
+
 std::set<ProcessName> ProcessesWith(const std::string& entry) {
   std::set<ProcessName> found;
   for (const pid_t process : AllProcesses()) {

@@ -3,6 +3,7 @@
 #include <set>
 #include <string>
 #include <sys/types.h>
+#include <vector>
 
 namespace featurehost {
 
@@ -24,6 +25,9 @@ bool IsAlive(const ProcessName& process);
 
 /** The children of this process, also those that wait to be reaped. */
 std::set<pid_t> Children();
+
+/** The children of a process that have not ended, and theirs. */
+std::vector<ProcessName> DescendantsOf(pid_t process);
 
 /**
  * The processes, without this one, that were started with an entry ("NAME=value") in their

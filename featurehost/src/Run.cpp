@@ -181,6 +181,14 @@ ExitCode Run(const RunRequest& request) {
     Say("ended by force; nothing is known to be installed");
     return static_cast<int>(ExitCode::kAborted);
   };
+  duties.held = [&](pid_t process) {
+    std::cerr << tools.TakeRest();
+    cleanUp();
+    Say("process " + std::to_string(process) +
+        " does not end, not even when killed, and nothing is known to be installed; once it has "
+        "ended, run featurehost cleanup");
+    return static_cast<int>(ExitCode::kAborted);
+  };
   duties.crashed = [&](int signal) {
     std::cerr << tools.TakeRest();
     cleanUp();

@@ -57,11 +57,6 @@ std::string MountSpace() {
   return WithStart(Link("/proc/self/ns/mnt"));
 }
 
-/** Whether /proc is there, and tells of the processes that our numbers mean. */
-bool HasOwnProc() {
-  return Link("/proc/self") == std::to_string(getpid()) && !BootId().empty();
-}
-
 Json ProcessesOf(const RunNote& note) {
   Json processes = Json::array();
   for (const ProcessName& process : note.processes) {
@@ -105,6 +100,10 @@ std::string EnvironmentEntry(const RunNote& note) {
 
 void MarkChildren(const RunNote& note) {
   setenv(kVariable, note.id.c_str(), 1);  // NOLINT(concurrency-mt-unsafe): there is one thread
+}
+
+bool HasOwnProc() {
+  return Link("/proc/self") == std::to_string(getpid()) && !BootId().empty();
 }
 
 bool IsOfEarlierBoot(const RunNote& note) {

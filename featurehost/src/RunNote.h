@@ -37,6 +37,12 @@ std::string EnvironmentEntry(const RunNote& note);
 /** Let every process that this one starts from now on carry the note's id. */
 void MarkChildren(const RunNote& note);
 
+/**
+ * Whether /proc is there, and tells of the processes that our numbers mean. Without it no note can
+ * be judged: none is of an earlier start, nothing of any can be seen.
+ */
+bool HasOwnProc();
+
 /** Whether the note is of before the machine's last start. */
 bool IsOfEarlierBoot(const RunNote& note);
 

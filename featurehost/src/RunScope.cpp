@@ -1,10 +1,10 @@
 #include "featurehost/src/RunScope.h"
 
 #include <algorithm>
-#include <cctype>
 #include <filesystem>
 
 #include "featurehost/src/Items.h"
+#include "featurehost/src/PartitionName.h"
 #include "featurehost/src/Paths.h"
 
 namespace featurehost {
@@ -19,24 +19,8 @@ bool Holds(const std::vector<std::string>& paths, const std::string& path) {
                      [&path](const std::string& own) { return Canonical(own) == path; });
 }
 
-/** Whether a name is that of a partition on the disk: "sda1" on "sda", "mmcblk0p1" on "mmcblk0". */
-bool IsPartition(const std::string& name, const std::string& disk) {
-  if (disk.empty() || name.compare(0, disk.size(), disk) != 0) {
-    return false;
-  }
-  std::string rest = name.substr(disk.size());
-  const bool endsWithDigit = std::isdigit(static_cast<unsigned char>(disk.back())) != 0;
-  if (endsWithDigit && (rest.empty() || rest[0] != 'p')) {
-    return false;
-  }
-  rest.erase(0, endsWithDigit ? 1 : 0);
-  return !rest.empty() && std::all_of(rest.begin(), rest.end(), [](unsigned char character) {
-    return std::isdigit(character) != 0;
-  });
-}
-
 bool SharesStorage(const std::string& one, const std::string& other) {
-  return one == other || IsPartition(one, other) || IsPartition(other, one);
+  return one == other || IsPartitionOf(one, other) || IsPartitionOf(other, one);
 }
 
 }  // namespace

@@ -14,6 +14,16 @@ void Append(std::vector<LeftOver>& all, const std::vector<LeftOver>& more) {
   all.insert(all.end(), more.begin(), more.end());
 }
 
+/** Those of a process that does not end: they stay its own, and never become ours. */
+std::vector<LeftOver> EndDescendants(pid_t process) {
+  std::vector<LeftOver> found;
+  for (const ProcessName& descendant : DescendantsOf(process)) {
+    const std::string what = DescribeProcess(descendant.id);
+    found.push_back(LeftProcess(what, EndStranger(descendant)));
+  }
+  return found;
+}
+
 }  // namespace
 
 UnitState::UnitState(const RunScope& scope)
@@ -50,12 +60,12 @@ std::vector<LeftOver> UnitState::EndChildren() const {
       }
       const std::string what = DescribeProcess(child);
       const std::string how = EndChild(child);
+      ended = true;
+      found.push_back(LeftProcess(what, how));
       if (how.empty()) {
         stuck.insert(child);
+        Append(found, EndDescendants(child));
       }
-      ended = true;
-      found.push_back({LeftOver::Kind::kProcess, what, !how.empty(),
-                       how.empty() ? "does not end, not even when killed" : how});
     }
     if (!ended) {
       break;

@@ -1,10 +1,10 @@
 #include <gmock/gmock.h>
-#include <locale>
 
 #include "MainCPULoader/src/EOLSettingsLoader.h"
 #include "tests/support/CleanTest.h"
 #include "tests/support/FakeCallback.h"
 #include "tests/support/FakeProperties.h"
+#include "tests/support/GroupingLocale.h"
 #include "tests/support/RecordedLog.h"
 #include "tests/support/ScriptedTools.h"
 
@@ -298,15 +298,10 @@ TEST_F(EOLSettingsLoaderTest, AKilledCommandCountsAsDone) {
 }
 
 TEST_F(EOLSettingsLoaderTest, TheCopyCommandDoesNotFollowTheHostsLocale) {
-  class Grouping : public std::numpunct<char> {
-    char do_thousands_sep() const override { return ','; }
-    std::string do_grouping() const override { return "\3"; }
-  };
   PrepareQuietly();
+  const support::GroupingLocale locale;
 
-  const std::locale before = std::locale::global(std::locale(std::locale::classic(), new Grouping));
   loader_.Install();
-  std::locale::global(before);
 
   EXPECT_THAT(tools_.Calls(), testing::Contains(KCopy));
 }

@@ -1,7 +1,6 @@
 #include <climits>
 #include <cstdint>
 #include <gmock/gmock.h>
-#include <locale>
 #include <memory>
 
 #include "MainCPULoader/src/FactoryDataLoader.h"
@@ -9,6 +8,7 @@
 #include "tests/support/FakeBroker.h"
 #include "tests/support/FakeCallback.h"
 #include "tests/support/FakeProperties.h"
+#include "tests/support/GroupingLocale.h"
 #include "tests/support/RecordedLog.h"
 #include "tests/support/ScriptedTools.h"
 #include "tests/support/SystemHook.h"
@@ -162,17 +162,10 @@ TEST_F(FactoryDataLoaderTest, InstallRunsOneCommand) {
 }
 
 TEST_F(FactoryDataLoaderTest, TheCommandDoesNotFollowTheHostsLocale) {
-  class Grouping : public std::numpunct<char> {
-    char do_thousands_sep() const override { return ','; }
-    std::string do_grouping() const override { return "\3"; }
-  };
   Prepare();
+  const support::GroupingLocale locale;
 
-  const std::locale before = std::locale::global(std::locale(std::locale::classic(), new Grouping));
-  const std::string command = Command();
-  std::locale::global(before);
-
-  EXPECT_EQ("dd if=/a/fd.bin of=/dev/sdx bs=1 skip=1024 count=512", command);
+  EXPECT_EQ("dd if=/a/fd.bin of=/dev/sdx bs=1 skip=1024 count=512", Command());
 }
 
 TEST_F(FactoryDataLoaderTest, TheShellSeesThePathsAsTheyAre) {

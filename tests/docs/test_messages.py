@@ -43,7 +43,9 @@ HOST_FORMS = (
 PUT_TOGETHER = {
     "featurehost/src/KilledRuns": {"Describe(run)": (
         "an install of feature '", "' was killed and has left behind: ",
-        "; run featurehost cleanup")},
+        "; run featurehost cleanup"), "WhyUnjudged(runs)": (
+        "cannot tell of the installs that are noted (",
+        ") whether they are at work or were killed: /proc does not show this process namespace")},
 }
 
 # What passes on a line that was put together before.

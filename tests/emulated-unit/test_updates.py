@@ -1,5 +1,7 @@
 """Complete updates on real (emulated) cards, compared afterwards from outside."""
 
+import gzip
+import os
 import unittest
 
 import updates
@@ -104,6 +106,38 @@ class DifferentToolsTest(UnitTest):
                 cards = make_cards(self.folder)
                 cards[1].write(1, 0, update.image)
                 self.assert_refused(self.install(cards), "Read failure on /host/rootfs.img.gz")
+
+
+class WholeCardTest(UnitTest):
+    """An image of a whole card, and items for the partitions that it brings."""
+
+    def test_partitions_that_an_image_brings_are_there_for_the_items_behind_it(self):
+        update = Update(self.share)
+        card0, pattern = make_cards(self.folder)
+        content = pattern.path.read_bytes()
+        (self.share / "card.img.gz").write_bytes(gzip.compress(content, 1))
+        update.configure(["card", "rootfs", "checkrootfs", "factorydata", "eolsettings"],
+                         cardsource="/host/card.img.gz", cardtarget="/dev/mmcblk1",
+                         cardtargetsize=len(content), cardblocksize="32k", cardchecksum="0")
+        card1 = pattern.copy(self.folder / "empty.img")
+        os.truncate(card1.path, 0)
+        os.truncate(card1.path, len(content))
+
+        run = self.install([card0, card1])
+
+        self.assert_installed(run)
+        self.assertEqual(3, run.errors.count("featurehost: warning partition-from-image: "))
+        self.assertEqual(pattern.table(), card1.table())
+        self.assertEqual([], updates.wrong_with_rootfs(update, card1) +
+                         updates.wrong_with_factorydata(update, card1) +
+                         updates.wrong_with_eolsettings(update, card1))
+
+    def test_a_partition_holds_no_partitions(self):
+        update = Update(self.share)
+        update.configure(["rootfs", "factorydata"], factorydatatarget="/dev/mmcblk1p1p1")
+        code, console = self.on_unit("featurehost lint /host/update.toml", make_cards(self.folder))
+        self.assertEqual(1, code, console)
+        self.assertIn("error target-missing: feature 'maincpu', item 'factorydata'", console)
 
 
 class RefusedTest(UnitTest):

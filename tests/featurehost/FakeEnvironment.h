@@ -21,6 +21,7 @@ class FakeEnvironment : public Environment {
   std::map<std::string, ToolState> tools;                  // the others are usable
   std::set<std::string> accepting;                         // decompressors
   std::set<std::string> refused;                           // block sizes
+  std::map<std::string, std::string> links;
 
   OtherRuns others;
 
@@ -39,6 +40,10 @@ class FakeEnvironment : public Environment {
   FileFacts Look(const std::string& path) const override {
     const auto entry = files.find(path);
     return entry == files.end() ? FileFacts{} : entry->second;
+  }
+  std::string Canonical(const std::string& path) const override {
+    const auto entry = links.find(path);
+    return entry == links.end() ? path : entry->second;
   }
   std::optional<GzipEnds> Ends(const std::string& path) const override {
     const auto entry = ends.find(path);

@@ -1,4 +1,5 @@
 #include <chrono>
+#include <csignal>
 #include <cstdlib>
 #include <gmock/gmock.h>
 #include <sys/stat.h>
@@ -20,6 +21,8 @@ class LintEnvironmentTest : public HostTest {
     chmod((folder_ / name).c_str(), mode);
     return folder_ / name;
   }
+
+  static constexpr std::chrono::milliseconds kShort{200};
 
   UnitEnvironment unit_;
 };
@@ -101,16 +104,58 @@ TEST_F(LintEnvironmentTest, BusyBoxIsToldByWhatItDoesWithADamagedFile) {
   EXPECT_EQ(*code == 0, unit_.AcceptsDamage(zcat));
 }
 
+/** Values that no dd takes; the last one is a number to it, but nobody has that much memory. */
+constexpr const char* kRefusedBlockSizes[] = {"0",
+                                              "0k",
+                                              "00",
+                                              "-1",
+                                              "32q",
+                                              "32k ",
+                                              "9999999999999999G",
+                                              "99999999999G",
+                                              "18446744073709551616",
+                                              "1000000G"};
+
 TEST_F(LintEnvironmentTest, DdIsTriedWithTheBlockSize) {
   EXPECT_EQ(true, unit_.TakesBlockSize("32k"));
-  EXPECT_EQ(false, unit_.TakesBlockSize("32q"));
-  EXPECT_EQ(false, unit_.TakesBlockSize("0"));
+  EXPECT_EQ(true, unit_.TakesBlockSize("4096"));
+  for (const char* text : kRefusedBlockSizes) {
+    EXPECT_EQ(false, unit_.TakesBlockSize(text)) << text;
+  }
+}
+
+TEST_F(LintEnvironmentTest, BusyBoxDdIsTriedWithTheBlockSize) {
+  if (unit_.Tool("busybox") != ToolState::kUsable) {
+    GTEST_SKIP() << "no busybox on this machine";
+  }
+  Script("dd", "exec busybox dd \"$@\"");
+  const std::string path = getenv("PATH");  // NOLINT(concurrency-mt-unsafe): there is one thread
+  setenv("PATH", (folder_.Path() + ":" + path).c_str(), 1);
+  EXPECT_EQ(true, unit_.TakesBlockSize("32k"));
+  EXPECT_EQ(true, unit_.TakesBlockSize("4096"));
+  for (const char* text : kRefusedBlockSizes) {
+    EXPECT_EQ(false, unit_.TakesBlockSize(text)) << text;
+  }
+  setenv("PATH", path.c_str(), 1);
 }
 
 TEST_F(LintEnvironmentTest, TrialsHaveNeitherInputNorOutput) {
   EXPECT_EQ(0, TryTool(Script("quiet", "cat; echo loud; echo louder >&2; exit 0"), {}));
   EXPECT_EQ(7, TryTool(Script("seven", "exit 7"), {}));
   EXPECT_EQ(std::nullopt, TryTool(Script("killed", "kill -9 $$"), {}));
+}
+
+TEST_F(LintEnvironmentTest, TrialWhoseEndCannotBeHeardOfTellsNothing) {
+  // The kernel keeps no exit code then, and the wait ends without one.
+  struct sigaction ignored {};
+  struct sigaction before {};
+  ignored.sa_handler = SIG_IGN;
+  ASSERT_EQ(0, sigaction(SIGCHLD, &ignored, &before));
+  EXPECT_EQ(std::nullopt, TryTool(Script("good", "exit 0"), {}));
+  EXPECT_EQ(std::nullopt, unit_.TakesBlockSize("32q"));
+  EXPECT_EQ(std::nullopt, TryTool(Script("hang", "exec sleep 1000"), {}, kShort));
+  sigaction(SIGCHLD, &before, nullptr);
+  EXPECT_EQ(false, unit_.TakesBlockSize("32q"));
 }
 
 TEST_F(LintEnvironmentTest, TrialThatHangsIsEndedWithItsChildren) {

@@ -240,6 +240,29 @@ TEST_F(UnitStateMountTest, ProcessMountAndFolderAreCleanedInThisOrder) {
   EXPECT_THAT(done, ElementsAre("process ended", "mount unmounted", "folder removed"));
 }
 
+TEST_F(UnitStateMountTest, MountThatHasGoneMeanwhileIsDoneAndWhatLayBeneathItStays) {
+  // Two views of one folder: what is mounted or unmounted in the one is in the other as well.
+  const std::string one = Point("one");
+  const std::string other = Point("other");
+  Mount(one);
+  ASSERT_EQ(0, mount(nullptr, one.c_str(), nullptr, MS_SHARED, nullptr));
+  ASSERT_EQ(0, mount(one.c_str(), other.c_str(), nullptr, MS_BIND, nullptr));
+  Mount(Point("one/inner"));
+  const UnitState unit = TakeStock({one + "/inner", other + "/inner"});
+  Mount(Point("one/inner"));
+
+  // The first of the two to be unmounted takes the second along.
+  const auto found = unit.CleanUp();
+  ASSERT_THAT(found, SizeIs(2));
+  for (const auto& leftOver : found) {
+    EXPECT_TRUE(leftOver.cleaned) << leftOver.what;
+    EXPECT_EQ("unmounted", leftOver.done) << leftOver.what;
+  }
+  EXPECT_EQ(0, umount((other + "/inner").c_str())) << "what was there before is still mounted";
+  EXPECT_EQ(0, umount(other.c_str()));
+  EXPECT_EQ(0, umount(one.c_str()));
+}
+
 TEST_F(UnitStateMountTest, MountThatIsInUseIsReported) {
   const UnitState unit = TakeStock({Point("own")});
   Mount(Point("own"));

@@ -4,6 +4,7 @@ misbehave. Needs FEATUREHOST (the executable, the real module beside it), TEST_M
 folder of the modules) and SYNC_SPY. Exit status 77: everything was skipped."""
 
 import contextlib
+import ctypes
 import json
 import os
 import pathlib
@@ -29,6 +30,12 @@ def default_signals():
     """A test runner in the background may have them ignored, and children inherit that."""
     for number in (signal.SIGINT, signal.SIGHUP, signal.SIGPIPE):
         signal.signal(number, signal.SIG_DFL)
+
+
+def ignored_children():
+    """As a caller that does not want to hear of its children: the host inherits that."""
+    default_signals()
+    signal.signal(signal.SIGCHLD, signal.SIG_IGN)
 
 
 class HostTestCase(unittest.TestCase):
@@ -146,6 +153,35 @@ def state(process):
     return ""
 
 
+class Undying:
+    """A process that SIGKILL does not end, as one that waits for a device: it is traced, and stops
+    on its way out until it is let go."""
+    SEIZE, CONTINUE, STOP_AT_EXIT = 0x4206, 7, 1 << 6
+    WAIT_FOR_ALL = 0x40000000  # __WALL
+
+    def __init__(self, process):
+        self.process = process
+        self.held = True
+        if self.trace(self.SEIZE, self.STOP_AT_EXIT) != 0:
+            raise unittest.SkipTest("no process may be traced here: "
+                                    + os.strerror(ctypes.get_errno()))
+
+    def trace(self, request, data):
+        call = ctypes.CDLL(None, use_errno=True).ptrace
+        call.restype = ctypes.c_long
+        call.argtypes = [ctypes.c_long, ctypes.c_long, ctypes.c_void_p, ctypes.c_void_p]
+        return call(request, self.process, None, data)
+
+    def let_go(self):
+        """Let it die; returns when it has."""
+        if self.held:
+            os.kill(self.process, signal.SIGKILL)
+        while self.held:
+            _, status = os.waitpid(self.process, self.WAIT_FOR_ALL)
+            self.held = os.WIFSTOPPED(status)
+            self.trace(self.CONTINUE, 0)
+
+
 def processes_with(text):
     """Process ids whose command line holds a text."""
     found = []
@@ -199,6 +235,16 @@ class Install(HostTestCase):
         self.assertTrue(result.errors.splitlines()[-1].startswith(
             "featurehost: the install of feature 'maincpu' failed"), result)
         self.assertNotIn("100 %", result.output)
+
+    def test_children_are_waited_for_although_the_caller_ignores_its_own(self):
+        result = self.run_host("install", self.factory_data(), preexec_fn=ignored_children)
+        self.assertEqual(SUCCESS, result.code, result)
+        self.assertEqual(100, self.target.stat().st_size)
+        # Whose exit code is not known counts as done.
+        self.script("dd", "exit 5")
+        result = self.run_host("install", self.factory_data(), preexec_fn=ignored_children)
+        self.assertEqual(INSTALL_FAILED, result.code, result)
+        self.assertIn("exited, result=5", result.errors)
 
     def test_failed_prepare_is_not_installed(self):
         self.script("dd", f"touch {self.folder}/called")
@@ -529,6 +575,44 @@ class Abort(HostTestCase):
         self.assertIn("featurehost: ended by force; nothing is known to be installed",
                       result.errors)
 
+    def test_run_that_does_not_end_when_it_is_killed_is_left_and_told(self):
+        marker = f"4{os.getpid()}"
+        self.script("dd", f"exec sleep {marker}")
+        update = self.factory_data()
+        errors = self.folder / "errors"
+        with open(errors, "w", encoding="utf-8") as stream:  # the run keeps it open
+            process = self.start("install", update, stdout=stream, stderr=stream)
+        self.addCleanup(lambda: [os.kill(tool, signal.SIGKILL)
+                                 for tool in processes_with(f"sleep\0{marker}")])
+        self.wait_for(lambda: processes_with(f"sleep\0{marker}"), "dd")
+        worker = int(children(process.pid)[0])
+        held = Undying(worker)
+        self.addCleanup(held.let_go)
+
+        for answer in ("stopping as soon as the module can", "not waiting for the module"):
+            process.send_signal(signal.SIGINT)
+            self.wait_for(lambda answer=answer: answer in errors.read_text(), answer)
+        time.sleep(1.1)
+        process.send_signal(signal.SIGINT)
+        self.assertEqual(ABORTED, process.wait(TIME_LIMIT))
+        self.assertNotIn(state(worker), ("", "Z"))
+        lines = errors.read_text().splitlines()
+        self.assertEqual(
+            f"featurehost: process {worker} does not end, not even when killed, and nothing is "
+            "known to be installed; once it has ended, run featurehost cleanup", lines[-1])
+        left = [line for line in lines if line.startswith("featurehost: left behind: ")]
+        self.assertRegex(left[0], rf"process {worker} \(.*\): does not end, not even when killed$")
+        self.assertRegex("\n".join(left[1:]), rf"process \d+ \(sleep {marker}\): ended")
+        self.assertEqual([], processes_with(f"sleep\0{marker}"))
+
+        # It may still write: the next install waits for it.
+        self.assert_refused(self.run_host("install", update), USAGE,
+                            f"process {worker} is installing feature 'maincpu'")
+        held.let_go()
+        result = self.run_host("cleanup")
+        self.assertEqual((SUCCESS, ["nothing to clean up"]), (result.code, result.lines))
+        self.assertEqual([], os.listdir(self.folder / "runs"))
+
     def test_front_whose_messages_nobody_reads_stays_in_front(self):
         self.script("dd", f"touch {self.folder}/running; exec sleep 600")
         process = self.start("install", self.factory_data())
@@ -825,6 +909,48 @@ class Killed(HostTestCase):
         self.assertEqual(1, len(self.left()))
         process.terminate()
         process.communicate(timeout=TIME_LIMIT)
+
+    def run_in_other_processes(self, *arguments, proc=False):
+        """Run the host in a process namespace of its own, with a /proc of its own or not."""
+        words = ["unshare", "--pid", "--fork", *(["--mount-proc"] if proc else [])]
+        if os.getuid() != 0:
+            words[1:1] = ["--user", "--map-root-user"]
+        if subprocess.run([*words, "true"], check=False, stderr=subprocess.DEVNULL).returncode != 0:
+            self.skipTest("no process namespace of our own")
+        result = subprocess.run([*words, *self.command(*arguments)], cwd=self.folder,
+                                env=self.environment, stdin=subprocess.DEVNULL, check=False,
+                                capture_output=True, text=True, timeout=TIME_LIMIT)
+        return Result(result.returncode, result.stdout, result.stderr)
+
+    def test_without_a_proc_of_its_own_it_says_that_it_cannot_judge(self):
+        left = self.killed_run()
+        update = self.factory_data()
+        result = self.run_in_other_processes("cleanup", proc=True)
+        self.assertEqual((SUCCESS, ["nothing to clean up"], ""),
+                         (result.code, result.lines, result.errors))
+
+        for options in ([], ["--dry-run"], ["--quiet"], ["--json"]):
+            self.assert_refused(self.run_in_other_processes("cleanup", *options), 1,
+                                "that are noted (1)", "/proc", "mount -t proc proc /proc")
+        result = self.run_in_other_processes("lint", "--json", update)
+        self.assertEqual(SUCCESS, result.code, result)
+        self.assertIn(("runs-unknown", "warning", "/proc"), [
+            (event.get("kind"), event.get("severity"), event.get("value"))
+            for event in result.events()])
+        result = self.run_in_other_processes("install", "--no-lint", update)
+        self.assertEqual(SUCCESS, result.code, result)
+        self.assertEqual(1, result.errors.count("featurehost: cannot tell"), result)
+        self.assertIn("that are noted (1)", result.errors)
+        result = self.run_in_other_processes("install", "--no-lint", "--quiet", update)
+        self.assertEqual(SUCCESS, result.code, result)
+        self.assertNotIn("featurehost: ", result.errors)
+
+        self.assertEqual([left], self.left())
+        self.assertEqual(SUCCESS, self.run_host("cleanup").code)
+        self.assertEqual(([], []), (self.left(), self.notes()))
+        result = self.run_in_other_processes("cleanup")
+        self.assertEqual((SUCCESS, ["nothing to clean up"], ""),
+                         (result.code, result.lines, result.errors))
 
     def test_run_leaves_no_note(self):
         for end, code in (("success", SUCCESS), ("failure", INSTALL_FAILED),

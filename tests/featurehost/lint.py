@@ -7,7 +7,7 @@ import os
 import signal
 
 import end_to_end
-from end_to_end import ABORTED, SUCCESS, TIME_LIMIT, USAGE, HostTestCase
+from end_to_end import ABORTED, INSTALL_FAILED, SUCCESS, TIME_LIMIT, USAGE, HostTestCase, ignored_children
 
 LINT_ERRORS = 1
 
@@ -82,6 +82,27 @@ class Lint(LintTools, HostTestCase):
         self.assert_refused(self.run_host("lint", "missing.toml"), USAGE, "missing.toml")
         self.assert_refused(self.run_host("lint"), USAGE, "CONFIG")
 
+    def test_block_size_that_dd_refuses_is_found_before_the_install_fails_with_it(self):
+        source = self.write("rootfs.img.gz", gzip.compress(b"image" * 1000))
+        target = self.write("device", b"")
+        for text in ("0", "0k", "-1", "99999999999G", "1000000G"):
+            path = self.configuration({
+                "updatelist": "rootfs", "updateprogresslist": "100",
+                "rootfssource": str(source), "rootfstarget": str(target), "rootfschecksum": "",
+                "rootfstargetsize": 5000, "rootfsblocksize": text})
+            self.assertIn("blocksize-refused", self.kinds(path), text)
+            result = self.run_host("install", "--no-lint", path)
+            self.assertEqual(INSTALL_FAILED, result.code, result)
+            self.assertEqual(b"", target.read_bytes())
+
+    def test_tools_are_tried_although_the_caller_ignores_its_children(self):
+        # Left like that, nobody would hear how the trial ended.
+        self.script("dd", "exit 1")
+        path = self.image(updatelist="rootfs", rootfschecksum="", rootfsblocksize="64k")
+        for command in ("lint", "install"):
+            result = self.run_host(command, path, preexec_fn=ignored_children)
+            self.assertIn("error blocksize-refused", result.output + result.errors)
+
     def test_tools_are_looked_for_on_the_path(self):
         self.environment["PATH"] = str(self.folder)
         self.assertIn("tool-missing", self.kinds(self.factory_data()))
@@ -137,6 +158,14 @@ class LintBeforeInstall(LintTools, HostTestCase):
         self.assertIn("featurehost: warning target-not-a-device: ", result.errors)
         self.assertEqual([200, 201, 202, 203, 205, 204], [e["code"] for e in result.events()])
         self.assertEqual(100, self.target.stat().st_size)
+
+    def test_names_that_the_shell_leaves_alone_are_installed(self):
+        source = self.write("#fac~tory#.bin~", os.urandom(500))
+        result = self.run_host("install", self.factory_data(
+            offset=7, size=400, factorydatasource=str(source),
+            factorydatatarget=str(self.folder / "#device~")))
+        self.assertEqual(SUCCESS, result.code, result)
+        self.assertEqual(source.read_bytes()[7:407], (self.folder / "#device~").read_bytes())
 
     def test_quiet_shows_no_warnings(self):
         self.script("dd", "exit 0")

@@ -113,6 +113,18 @@ class LintOfAWholeUpdate(WholeUpdateTestCase):
         self.change("rootfstarget", "/dev/mmcblk1p2")
         self.assertEqual([("target-too-small", "rootfstarget")], self.found())
 
+    def test_partition_may_come_with_an_image_of_the_whole_card(self):
+        os.rename("/dev/mmcblk1p3", "/dev/away")
+        self.addCleanup(os.rename, "/dev/away", "/dev/mmcblk1p3")
+        self.assertEqual([("target-missing", "eolsettingstarget")], self.found())
+        self.assertEqual(LINT_ERRORS, self.code)
+        os.symlink("mmcblk1", "/dev/card")
+        self.addCleanup(os.remove, "/dev/card")
+        for card in ("/dev/mmcblk1", "/dev/card"):
+            self.change("rootfstarget", card)
+            self.assertEqual([("partition-from-image", "eolsettingstarget")], self.found())
+            self.assertEqual(SUCCESS, self.code)
+
     def test_archive_is_larger_than_the_device(self):
         self.change("userfstarget", "/dev/mmcblk1p2")
         self.assertEqual([("archive-larger-than-target", "userfstarget")], self.found())

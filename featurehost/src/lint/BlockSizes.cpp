@@ -66,9 +66,14 @@ BlockSize Parse(const std::string& text) {
   return size;
 }
 
+/** What every dd takes: a larger one may be beyond its numbers, or beyond the unit's memory. */
+bool IsUsual(const BlockSize& size) {
+  return size.hasDigits && size.exact != nullptr && size.number > 0 &&
+         size.number <= kLongestWhole / size.exact->multiplier;
+}
+
 bool IsRefused(const Subject& subject, const BlockSize& size, const std::string& text) {
-  const bool usual = size.hasDigits && size.number > 0 && size.exact != nullptr;
-  return !usual && !subject.environment.TakesBlockSize(text).value_or(true);
+  return !IsUsual(size) && !subject.environment.TakesBlockSize(text).value_or(true);
 }
 
 void CheckKnown(const Subject& subject, const Findings::Place& place, const BlockSize& size) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -17,6 +18,7 @@ struct FileFacts {
   std::uint64_t size = 0;  ///< in bytes, of a file or a block device; 0 when it is not known
   bool readable = false;
   bool inUse = false;  ///< of a block device: someone has it for himself, as a mount does, or swap
+  bool isPartition = false;  ///< of a block device: it lies on another one
 };
 
 /** The two ends of a compressed file. */
@@ -32,6 +34,7 @@ enum class ToolState { kMissing, kNotExecutable, kUsable };
 struct OtherRuns {
   std::vector<std::string> running;  ///< features that are being installed on the same targets
   std::vector<std::string> killed;   ///< what killed installs have left behind, a line for each
+  std::size_t unjudged = 0;          ///< noted installs that may be either: /proc does not tell
 };
 
 /** What the checks have to know about the unit. Asking changes nothing on it. */
@@ -44,6 +47,8 @@ class Environment {
   Environment& operator=(const Environment&) = delete;
 
   virtual FileFacts Look(const std::string& path) const = 0;
+  /** The path without links, as far as there is something at it. */
+  virtual std::string Canonical(const std::string& path) const = 0;
   /** Nothing when the file cannot be read. */
   virtual std::optional<GzipEnds> Ends(const std::string& path) const = 0;
   /** Where a block device, or a part of it, is mounted. */

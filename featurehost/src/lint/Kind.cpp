@@ -68,6 +68,7 @@ constexpr Row kRows[] = {
     {"mountpoint-missing", Kind::kMountPointMissing, kError},
     {"mountpoint-in-use", Kind::kMountPointInUse, kWarning},
     {"target-missing", Kind::kTargetMissing, kError},
+    {"partition-from-image", Kind::kPartitionFromImage, kWarning},
     {"target-not-a-device", Kind::kTargetNotADevice, kWarning},
     {"target-unusable", Kind::kTargetUnusable, kError},
     {"target-mounted", Kind::kTargetMounted, kError},
@@ -80,6 +81,7 @@ constexpr Row kRows[] = {
     {"tool-not-executable", Kind::kToolNotExecutable, kError},
     {"zcat-accepts-damage", Kind::kZcatAcceptsDamage, kWarning},
     {"killed-run", Kind::kKilledRun, kError},
+    {"runs-unknown", Kind::kRunsUnknown, kWarning},
     {"other-install", Kind::kOtherInstall, kError},
 };
 

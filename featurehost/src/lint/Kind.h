@@ -63,6 +63,7 @@ enum class Kind {
   kMountPointMissing,
   kMountPointInUse,
   kTargetMissing,
+  kPartitionFromImage,
   kTargetNotADevice,
   kTargetUnusable,
   kTargetMounted,
@@ -75,6 +76,7 @@ enum class Kind {
   kToolNotExecutable,
   kZcatAcceptsDamage,
   kKilledRun,
+  kRunsUnknown,
   kOtherInstall,
 };
 

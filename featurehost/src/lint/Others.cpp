@@ -1,3 +1,4 @@
+#include "featurehost/src/KilledRuns.h"
 #include "featurehost/src/RunScope.h"
 #include "featurehost/src/lint/Checks.h"
 
@@ -11,6 +12,10 @@ void CheckOtherRuns(const Subject& subject) {
     subject.findings.Add(Kind::kKilledRun, {"", "", killed},
                          "what it has left is in the way of the next install",
                          "featurehost cleanup, and the install after it");
+  }
+  if (others.unjudged > 0) {
+    subject.findings.Add(Kind::kRunsUnknown, {"", "", "/proc"}, WhyUnjudged(others.unjudged),
+                         "mount -t proc proc /proc, or look where they were started");
   }
   for (const std::string& running : others.running) {
     subject.findings.Add(Kind::kOtherInstall, {"", "", "feature '" + running + "'"},

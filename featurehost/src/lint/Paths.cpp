@@ -20,7 +20,17 @@ bool IsForShell(char character) {
   constexpr unsigned char kDelete = 0x7f;
   const auto byte = static_cast<unsigned char>(character);
   return byte <= ' ' || byte == kDelete ||
-         std::string("|&;<>()$`\\\"'*?[]#~{}!^").find(character) != std::string::npos;
+         std::string("|&;<>()$`\\\"'*?[]{}!^").find(character) != std::string::npos;
+}
+
+/** A home folder, or a comment. Elsewhere in a word, also behind "=" or ":", they mean nothing. */
+bool IsForShellAtBegin(char character) {
+  return character == '~' || character == '#';
+}
+
+bool IsForShell(const std::string& value, Way way) {
+  return (way == Way::kShellWord && IsForShellAtBegin(value.front())) ||
+         std::any_of(value.begin(), value.end(), [](char one) { return IsForShell(one); });
 }
 
 bool IsPath(Form form) {
@@ -30,7 +40,7 @@ bool IsPath(Form form) {
 void CheckPath(const Subject& subject, const PropertyRule& rule, const Findings::Place& place) {
   const bool isShell = rule.way == Way::kShellWord || rule.way == Way::kInShellWord;
   const bool isWord = rule.way == Way::kShellWord || rule.way == Way::kArgument;
-  if (isShell && std::any_of(place.value.begin(), place.value.end(), IsForShell)) {
+  if (isShell && IsForShell(place.value, rule.way)) {
     subject.findings.Add(
         Kind::kPathShell, place,
         "this becomes part of a shell command as it is: the shell takes blanks and "

@@ -18,6 +18,7 @@
 
 #include "featurehost/src/KilledRuns.h"
 #include "featurehost/src/MountTable.h"
+#include "featurehost/src/Paths.h"
 #include "featurehost/src/RunFolder.h"
 #include "featurehost/src/lint/ToolTrial.h"
 
@@ -119,10 +120,15 @@ FileFacts UnitEnvironment::Look(const std::string& path) const {
     facts.type = FileFacts::Type::kBlockDevice;
     facts.size = DeviceSize(path);
     facts.inUse = IsInUse(path);
+    facts.isPartition = !WholeOf(NumberOf(path)).empty();
   } else {
     facts.type = FileFacts::Type::kOther;
   }
   return facts;
+}
+
+std::string UnitEnvironment::Canonical(const std::string& path) const {
+  return featurehost::Canonical(path);
 }
 
 std::optional<GzipEnds> UnitEnvironment::Ends(const std::string& path) const {
@@ -209,12 +215,14 @@ std::optional<bool> UnitEnvironment::AcceptsDamage(const std::string& decompress
 }
 
 std::optional<bool> UnitEnvironment::TakesBlockSize(const std::string& text) const {
-  const auto code = TryTool("dd", {"if=/dev/null", "of=/dev/null", "count=0", "bs=" + text});
+  // Without a count, as the item runs it: told to copy nothing, it does not even ask for memory.
+  const auto code = TryTool("dd", {"if=/dev/null", "of=/dev/null", "bs=" + text});
   return code.has_value() ? std::optional(*code == 0) : std::nullopt;
 }
 
 OtherRuns UnitEnvironment::RunsBeside(const RunScope& scope) const {
   OtherRuns others;
+  others.unjudged = UnjudgedRuns();
   for (const RunFolder& folder : RunFolder::ForReading()) {
     for (const RunNote& note : folder.Notes()) {
       // Not by KilledRuns(), which would drop notes.

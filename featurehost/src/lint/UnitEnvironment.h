@@ -12,6 +12,7 @@ namespace featurehost::lint {
 class UnitEnvironment : public Environment {
  public:
   FileFacts Look(const std::string& path) const override;
+  std::string Canonical(const std::string& path) const override;
   std::optional<GzipEnds> Ends(const std::string& path) const override;
   std::vector<std::string> MountPointsOf(const std::string& device) const override;
   std::string MountPointAt(const std::string& folder) const override;

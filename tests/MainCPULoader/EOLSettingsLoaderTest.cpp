@@ -340,6 +340,14 @@ TEST_F(EOLSettingsLoaderTest, NumbersAreDecimalAndWrittenUnsigned) {
   }
 }
 
+TEST_F(EOLSettingsLoaderTest, AnInstallWithoutAPrepareRunsTheCommandsOfEmptyProperties) {
+  loader_.Install();
+
+  EXPECT_THAT(tools_.Calls(),
+              testing::Contains("dd if= of=/tmp/eolmountpoint/ bs=1 skip=0 count=0"));
+  EXPECT_THAT(callback_.Reports(), ElementsAre("Progress 0/0", "Completed 1"));
+}
+
 TEST_F(EOLSettingsLoaderTest, InstallCanBeRepeated) {
   PrepareQuietly();
   loader_.Install();

@@ -2,7 +2,9 @@
 #include <deque>
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "MainCPULoader/src/ImageChecker.h"
@@ -316,9 +318,43 @@ TEST_F(ImageCheckerTest, ASecondInstallClosesTheTargetThatAFailedOneLeftOpen) {
   EXPECT_EQ("Completed 1", check->Run());
 }
 
+TEST_F(ImageCheckerTest, AFailedInstallAfterAGoodOneLeavesNothingToReadAndUnsubscribesOnce) {
+  support::WriteFile(Target(), "content");
+  script_.content = "content";
+  {
+    auto check = Scripted(7);
+    check->Start();
+    script_.starts = false;
+    check->Start();
+    const auto calls = check->Broker().Calls().size();
+
+    check->Checker().OnEvent({});
+
+    EXPECT_THAT(check->Callback().Reports(), ElementsAre("Completed 0", "Completed 0"));
+    EXPECT_THAT(script_.lengths, IsEmpty());
+    check->Start();
+    EXPECT_EQ(calls, check->Broker().Calls().size());
+  }
+  ASSERT_EQ(1U, OpenTargets().size());
+  close(OpenTargets().front());
+}
+
 TEST_F(ImageCheckerTest, WithoutADecompressorTheInstallFails) {
-  ImageCheck check("/a", directory_ / "none", 7, nullptr);
-  EXPECT_EQ("Completed 0", check.Run());
+  support::WriteFile(Target(), "content");
+  {
+    ImageCheck check("/a", Target(), 7, nullptr);
+    EXPECT_EQ("Completed 0", check.Run());
+  }
+  close(OpenTargets().at(0));
+}
+
+TEST_F(ImageCheckerTest, AnEventBeforeThePrepareIsOnlyLogged) {
+  ImageCheck check("/a/image.gz", Target(), 7);
+
+  check.Checker().OnEvent({});
+
+  EXPECT_THAT(RecordedLog::Instance().Lines(), ElementsAre(KOnEventEntry));
+  EXPECT_THAT(check.Callback().Reports(), IsEmpty());
 }
 
 TEST_F(ImageCheckerTest, AStepBeforeTheInstallIsAReadFailure) {
@@ -375,6 +411,41 @@ TEST_F(ImageCheckerTest, ATargetThatDeliversInSmallPartsIsReadToTheEndOfThePiece
     EXPECT_EQ("Completed 1", check.Run());
   }
   close(writer);
+}
+
+TEST_F(ImageCheckerTest, APartOfAPieceIsFollowedByTheRestOfIt) {
+  const std::string content = RandomBytes(5000);
+  support::WriteGzip(Image(), content);
+  ASSERT_EQ(0, mkfifo(Target().c_str(), 0600));
+  const int writer = open(Target().c_str(), O_RDWR | O_CLOEXEC);
+  ASSERT_EQ(1000, write(writer, content.data(), 1000));
+  // The next part is there once the one before has been read.
+  const pid_t feeder = fork();
+  if (feeder == 0) {
+    int unread = 0;
+    while (ioctl(writer, FIONREAD, &unread) == 0 && unread > 0) {
+      usleep(1000);
+    }
+    _exit(write(writer, content.data() + 1000, 4000) == 4000 ? 0 : 1);
+  }
+  {
+    ImageCheck check(Image(), Target(), 5000);
+    EXPECT_EQ("Completed 1", check.Run());
+  }
+  int status = -1;
+  EXPECT_EQ(feeder, waitpid(feeder, &status, 0));
+  EXPECT_EQ(0, status);
+  close(writer);
+}
+
+TEST_F(ImageCheckerTest, AnImageThatGivesNothingOnceIsNotAskedAgain) {
+  script_.content = "content";
+  script_.portions = {3, 0};
+  support::WriteFile(Target(), script_.content);
+  auto check = Scripted(7);
+
+  EXPECT_EQ("Completed 0", check->Run());
+  EXPECT_THAT(script_.lengths, ElementsAre(7, 4));
 }
 
 TEST_F(ImageCheckerTest, AStepIs2MiBAndReportsWhatIsLeft) {

@@ -469,16 +469,17 @@ TEST_F(ImageLoaderTest, EventsWithoutAWrapperAreIgnoredAfterTheEntryLine) {
 TEST_F(ImageLoaderTest, ProgressGoesForwardOnly) {
   PrepareAndInstall();
 
-  for (const unsigned bytes : {0U, 4096U, 4096U, 8192U, 4096U}) {
+  for (const unsigned bytes : {0U, 1U, 4096U, 4096U, 8192U, 4096U}) {
     Step(EDDRunning, bytes);
   }
-  EXPECT_THAT(callback_.Reports(), ElementsAre("Progress 5904/10000", "Progress 1808/10000"));
+  EXPECT_THAT(callback_.Reports(),
+              ElementsAre("Progress 9999/10000", "Progress 5904/10000", "Progress 1808/10000"));
 
   Step(EDDRunning, 10001);
   Step(EDDRunning, 20000);
-  EXPECT_THAT(callback_.Reports(), SizeIs(2)) << "more than there is to be written";
+  EXPECT_THAT(callback_.Reports(), SizeIs(3)) << "more than there is to be written";
   Step(EDDRunning, 10000);
-  EXPECT_THAT(callback_.Reports(), SizeIs(3));
+  EXPECT_THAT(callback_.Reports(), SizeIs(4));
   EXPECT_EQ("Progress 0/10000", callback_.Reports().back());
 }
 

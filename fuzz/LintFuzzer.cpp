@@ -12,7 +12,8 @@ using namespace featurehost::lint;
 using featurehost::Properties;
 
 std::string AnyText(FuzzedDataProvider& input) {
-  const char* const texts[] = {"/dev/mmcblk1p1", "/media/a.gz", "4k", "100", "LABEL=a", "", "/"};
+  const char* const texts[] = {"/dev/mmcblk1p1", "/media/a.gz", "4k", "100", "LABEL=a", "", "/",
+                               "/dev/mmcblk1"};
   return input.ConsumeBool() ? input.PickValueInArray(texts) : input.ConsumeRandomLengthString(64);
 }
 

@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include "SWLInfra/src/DDWrapper.h"
+#include "SWLInfra/src/Pipe.h"
 #include "SWLInfra/src/Text.h"
 #include "tests/support/CleanTest.h"
 #include "tests/support/Eventually.h"
@@ -501,6 +502,29 @@ TEST_F(DDWrapperTest, ChildrenInheritNoDescriptorOfTheWrapper) {
   AwaitReady("zcat");
   EXPECT_EQ(ReadFile(dir_ / "fds-any"), ReadFile(dir_ / "fds-dd"));
   EXPECT_EQ(ReadFile(dir_ / "fds-any"), ReadFile(dir_ / "fds-zcat"));
+}
+
+/** Of the pipe that a child reads from. */
+int InputCapacity(pid_t child) {
+  const std::string input = "/proc/" + std::to_string(child) + "/fd/0";
+  const int descriptor = open(input.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  const int capacity = fcntl(descriptor, F_GETPIPE_SZ);
+  close(descriptor);
+  return capacity;
+}
+
+TEST_F(DDWrapperTest, WithoutABlockSizeThePipeBetweenTheChildrenIsWide) {
+  StartHeld();
+
+  EXPECT_EQ(1024 * 1024, InputCapacity(DDChild()));
+}
+
+TEST_F(DDWrapperTest, WithABlockSizeThePipeBetweenTheChildrenIsAsTheKernelMakesIt) {
+  CPipe kernels;
+  ASSERT_TRUE(kernels.Open());
+  StartHeld("", "32k");
+
+  EXPECT_EQ(fcntl(kernels.ReadEnd(), F_GETPIPE_SZ), InputCapacity(DDChild()));
 }
 
 /** Takes some of the standard streams away for a while. */

@@ -665,6 +665,9 @@ TEST_P(DDWrapperAnswerTest, TheSecondLineTellsTheFullRecords) {
       << "whatever the second line says, it allows the next signal";
 }
 
+// The longest first line that is read in one piece.
+const std::string KLongAnswer = std::string(254, 'x') + "\n7+0 records out\n";
+
 INSTANTIATE_TEST_SUITE_P(
     Lines, DDWrapperAnswerTest,
     testing::Values(TAnswerCase{"1235+0 records in\n1234+1 records out\n", "1k", 1263616},
@@ -673,6 +676,8 @@ INSTANTIATE_TEST_SUITE_P(
                     TAnswerCase{"one\n \t+7 records\n", "", 3584},
                     TAnswerCase{"one\n7records\n", "", 3584},
                     TAnswerCase{"7+0 records\n9+0 something else\n", "", 0},
+                    TAnswerCase{"a longer line of records\n5\n", "", 0},
+                    TAnswerCase{KLongAnswer.c_str(), "", 3584},
                     TAnswerCase{"7+0 records\n\n", "", 0}, TAnswerCase{"one\nrecords 5\n", "", 0},
                     TAnswerCase{"one\n-1 records\n", "1c", 4294967295},
                     TAnswerCase{"one\n- 5 records\n", "1c", 0},

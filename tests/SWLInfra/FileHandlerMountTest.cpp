@@ -126,6 +126,8 @@ INSTANTIATE_TEST_SUITE_P(
                    "-t ext2 -o rw,noexec,noatime,nodiratime,nodev,nosuid,commit=3600"},
         MountStyle{IFileHandler::EFormatEXT2Loopback, "Trying to mount as EXT2 loopback",
                    "-t ext2 -o loop,exec,noatime,nosuid,nodev"},
+        MountStyle{static_cast<IFileHandler::TFileSystemFormat>(4), "Trying to mount as FAT",
+                   "-t vfat -o rw,noexec,noatime,nodev,nosuid"},
         MountStyle{static_cast<IFileHandler::TFileSystemFormat>(7), "Trying to mount as FAT",
                    "-t vfat -o rw,noexec,noatime,nodev,nosuid"},
         MountStyle{static_cast<IFileHandler::TFileSystemFormat>(-1), "Trying to mount as FAT",

@@ -24,14 +24,14 @@ std::string NameOf(pid_t process) {
 
 std::vector<pid_t> ToolsOfThisProcess(bool zcatIsScripted) {
   const std::string own = NameOf(getpid());
-  const auto children = support::Children();
+  auto children = support::Children();
   for (const pid_t child : children) {
     EXPECT_TRUE(support::Eventually([&] {
       const std::string name = NameOf(child);
       return name != own && (zcatIsScripted || name != "zcat");
     }));
   }
-  return {children.begin(), children.end()};
+  return children;
 }
 
 pid_t HungTool(const std::string& file) {

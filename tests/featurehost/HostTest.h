@@ -2,9 +2,9 @@
 
 #include <gtest/gtest.h>
 #include <map>
-#include <set>
 #include <string>
 #include <sys/types.h>
+#include <vector>
 
 #include "featurehost/src/Log.h"
 #include "tests/support/ProcessState.h"
@@ -35,7 +35,7 @@ class HostTest : public ::testing::Test {
 
  private:
   std::map<int, std::string> descriptors_;
-  std::set<pid_t> children_;
+  std::vector<pid_t> children_;
 };
 
 }  // namespace featurehost

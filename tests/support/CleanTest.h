@@ -3,9 +3,9 @@
 #include <cstddef>
 #include <gtest/gtest.h>
 #include <map>
-#include <set>
 #include <string>
 #include <sys/types.h>
+#include <vector>
 
 #include "tests/support/ProcessState.h"
 
@@ -28,7 +28,7 @@ class CleanTest : public ::testing::Test {
 
  private:
   std::map<int, std::string> descriptors_;
-  std::set<pid_t> children_;
+  std::vector<pid_t> children_;
   std::size_t subscriptions_ = 0;
 };
 

@@ -29,13 +29,13 @@ std::map<int, std::string> OpenDescriptors() {
   return descriptors;
 }
 
-std::set<pid_t> Children() {
+std::vector<pid_t> Children() {
   const std::string self = std::to_string(getpid());
   std::ifstream list("/proc/self/task/" + self + "/children");
   EXPECT_TRUE(list.good()) << "cannot list the children of this process";
-  std::set<pid_t> children;
+  std::vector<pid_t> children;
   for (pid_t child = 0; list >> child;) {
-    children.insert(child);
+    children.push_back(child);
   }
   return children;
 }

@@ -1,15 +1,18 @@
 #pragma once
 
 #include <map>
-#include <set>
 #include <string>
 #include <sys/types.h>
+#include <vector>
 
 namespace support {
 
 /** Open descriptors of this process, with what each refers to. */
 std::map<int, std::string> OpenDescriptors();
-/** Children of this process, zombies included. */
-std::set<pid_t> Children();
+/**
+ * Children of this process, zombies included, in the order of their making: that of their ids
+ * begins anew every now and then.
+ */
+std::vector<pid_t> Children();
 
 }  // namespace support

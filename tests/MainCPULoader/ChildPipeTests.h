@@ -276,20 +276,24 @@ TYPED_TEST_P(ChildPipeTest, AFailedForkIsReportedAndNothingIsWaitedForInTheEnd) 
   });
 }
 
-/** Create in a process that expects its own copy to come back with false; see the two uses. */
-template <typename TPipe>
-void ExpectThatTheChildComesBack(const std::function<bool(TPipe&)>& create) {
+/**
+ * Create in a process that expects its own copy to come back with false; see the two uses. Of the
+ * pipe the copy has the parent's end.
+ */
+template <typename TTraits>
+void ExpectThatTheChildComesBack(const std::function<bool(typename TTraits::TPipe&)>& create) {
   constexpr int KCameBack = 42;
   const pid_t self = getpid();
   const auto before = support::OpenDescriptors();
-  TPipe pipe;
+  typename TTraits::TPipe pipe;
   const bool created = create(pipe);
   if (getpid() != self) {
-    // Nothing here is the copy's: it must be able to leave without a wait or a line. Of the pipe it
-    // has the parent's end.
-    pipe.~TPipe();
-    const bool asExpected =
-        !created && support::RecordedLog::Instance().Lines().empty() && Added(before).size() == 1;
+    // Nothing here is the copy's: it must be able to leave without a wait or a line.
+    std::destroy_at(&pipe);
+    const auto added = Added(before);
+    const bool asExpected = !created && support::RecordedLog::Instance().Lines().empty() &&
+                            added.size() == 1 &&
+                            fcntl(added.begin()->first, F_GETFL) == TTraits::KOurMode;
     _exit(asExpected ? KCameBack : 1);
   }
   EXPECT_TRUE(created);
@@ -307,8 +311,7 @@ TYPED_TEST_P(ChildPipeTest, AChildWhoseToolCannotRunReturnsFalseIntoItsCaller) {
   const support::CoveredTool tool(TypeParam::KTool, support::CoveredTool::NotExecutable());
 
   support::InExpendableProcess([this] {
-    ExpectThatTheChildComesBack<typename TypeParam::TPipe>(
-        [this](auto& pipe) { return this->Create(pipe); });
+    ExpectThatTheChildComesBack<TypeParam>([this](auto& pipe) { return this->Create(pipe); });
   });
 }
 
@@ -319,8 +322,7 @@ TYPED_TEST_P(ChildPipeTest, AChildThatCannotMoveItsEndReturnsFalseIntoItsCaller)
 #else
     support::RefuseSystemCall(SYS_dup3, EBUSY);
 #endif
-    ExpectThatTheChildComesBack<typename TypeParam::TPipe>(
-        [this](auto& pipe) { return this->Create(pipe); });
+    ExpectThatTheChildComesBack<TypeParam>([this](auto& pipe) { return this->Create(pipe); });
   });
 }
 

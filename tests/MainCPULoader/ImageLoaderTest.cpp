@@ -746,10 +746,14 @@ TEST_F(ImageLoaderCopyTest, AnImageIsInstalledByteForByte) {
 
 TEST_F(ImageLoaderCopyTest, ProgressIsWhatDDHasWritten) {
   MakeImage(support::RandomBytes(100000));
+  // Ends when its answer has been reported: what has not been read by its end is not looked at.
   tools_.Add("dd",
              "trap 'printf \"50+0 records in\\n50+0 records out\\n\" >&2; trap \"\" USR1;"
-             " cat > /dev/null; exit 0' USR1; : > '" +
-                 (dir_ / "ready") + "'; while :; do /bin/sleep 0.01; done");
+             " while [ ! -e " +
+                 (dir_ / "reported") + " ]; do /bin/sleep 0.01; done;" +
+                 " cat > /dev/null; exit 0' USR1; : > '" + (dir_ / "ready") +
+                 "'; while :; do /bin/sleep 0.01; done");
+  callback_.onReport = [this](const std::string&) { support::WriteFile(dir_ / "reported", ""); };
   ASSERT_EQ(ETrue, loader_->Prepare());
   loader_->Install();
   EXPECT_TRUE(Eventually([&] { return std::filesystem::exists(dir_ / "ready"); }));

@@ -222,6 +222,17 @@ TEST_F(MainCPULoaderTest, AnAddressWithoutBytesIsNoAddress) {
   }
 }
 
+TEST_F(MainCPULoaderTest, AnEmptyIdIsAddressedByNoBytesOnly) {
+  UseId("");
+  CreatePrepared({1});
+
+  broker_.Deliver({EEventUser, EUserEventControllerInstall, 1, nullptr});
+  EXPECT_THAT(stage_.journal, IsEmpty());
+
+  broker_.Deliver({EEventUser, EUserEventControllerInstall, 0, nullptr});
+  EXPECT_THAT(stage_.journal, ElementsAre("install 0"));
+}
+
 TEST_F(MainCPULoaderTest, IdsAreComparedOverAllTheirBytes) {
   UseId(std::string("a\0b", 3));
   CreatePrepared({1});

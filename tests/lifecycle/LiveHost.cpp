@@ -75,13 +75,17 @@ void LiveHost::StartInstall() {
 }
 
 void LiveHost::ServeUntil(const std::string& event, std::size_t count) {
+  ServeUntil([&] { return Count(event) >= count; }, std::to_string(count) + " x \"" + event + "\"");
+}
+
+void LiveHost::ServeUntil(const std::function<bool()>& holds, const std::string& what) {
   auto end = Clock::now() + kLimit;
   bool came = false;
   loop_.Every(kLook, [&] {
     if (destroySoon_) {
       feature_.reset();
     }
-    if (!came && Count(event) >= count) {
+    if (!came && holds()) {
       came = true;
       end = Clock::now() + kAfterwards;
     }
@@ -90,7 +94,7 @@ void LiveHost::ServeUntil(const std::string& event, std::size_t count) {
     }
   });
   loop_.Run();
-  EXPECT_TRUE(came) << "no " << count << " x \"" << event << "\" within the limit";
+  EXPECT_TRUE(came) << "no " << what << " within the limit";
 }
 
 std::vector<std::string> LiveHost::Results() const {

@@ -38,6 +38,8 @@ class LiveHost : public IEventObserver {
    * else comes. To be called once. Events that do not come within a minute fail the test.
    */
   void ServeUntil(const std::string& event, std::size_t count = 1);
+  /** The same for anything that is to hold in the end. */
+  void ServeUntil(const std::function<bool()>& holds, const std::string& what);
 
   const std::vector<std::string>& Events() const { return events_; }
   /** The events without the progress between them. */

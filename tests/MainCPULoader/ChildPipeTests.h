@@ -129,6 +129,16 @@ class ChildPipeTest : public support::CleanTest {
 
   bool Create(TPipe& pipe) { return pipe.Create(Bytes(argument_)); }
 
+  /** Start a child that waits, and end it when it has been looked at in its own program. */
+  void WithWaitingChild(const std::function<void(pid_t)>& look) {
+    TPipe pipe;
+    ASSERT_TRUE(pipe.Create(Bytes(TTraits::ArgumentToWaitOn(directory_))));
+    const pid_t child = OnlyChild();
+    WaitUntilItHasItsProgram(child);
+    look(child);
+    kill(child, SIGKILL);
+  }
+
   /** Of the pipe behind the one descriptor that Create keeps. */
   int CapacityOnceCreated(TPipe& pipe) {
     const auto before = support::OpenDescriptors();
@@ -203,13 +213,9 @@ TYPED_TEST_P(ChildPipeTest, ItsChildInheritsTheStandardStreamsOnly) {
         fcntl(entry.first, F_SETFD, FD_CLOEXEC);
       }
     }
-    typename TypeParam::TPipe pipe;
-    ASSERT_TRUE(pipe.Create(Bytes(TypeParam::ArgumentToWaitOn(this->directory_))));
-    const pid_t child = OnlyChild();
-    WaitUntilItHasItsProgram(child);
-
-    EXPECT_THAT(DescriptorsOf(child), testing::ElementsAre("0", "1", "2"));
-    kill(child, SIGKILL);
+    this->WithWaitingChild([](pid_t child) {
+      EXPECT_THAT(DescriptorsOf(child), testing::ElementsAre("0", "1", "2"));
+    });
   });
 }
 
@@ -343,16 +349,12 @@ TYPED_TEST_P(ChildPipeTest, StartsItsChildWithDefaultSignalsAndLeavesTheHostsAsT
     const std::string ignored = StatusField(getpid(), "SigIgn");
     const std::string mask = StatusField(getpid(), "SigBlk");
 
-    typename TypeParam::TPipe pipe;
-    ASSERT_TRUE(pipe.Create(Bytes(TypeParam::ArgumentToWaitOn(this->directory_))));
-    const pid_t child = OnlyChild();
-    WaitUntilItHasItsProgram(child);
-
-    EXPECT_EQ("0000000000000000", StatusField(child, "SigIgn"));
-    EXPECT_EQ("0000000000000000", StatusField(child, "SigBlk"));
-    EXPECT_EQ(ignored, StatusField(getpid(), "SigIgn"));
-    EXPECT_EQ(mask, StatusField(getpid(), "SigBlk"));
-    kill(child, SIGKILL);
+    this->WithWaitingChild([&](pid_t child) {
+      EXPECT_EQ("0000000000000000", StatusField(child, "SigIgn"));
+      EXPECT_EQ("0000000000000000", StatusField(child, "SigBlk"));
+      EXPECT_EQ(ignored, StatusField(getpid(), "SigIgn"));
+      EXPECT_EQ(mask, StatusField(getpid(), "SigBlk"));
+    });
   });
 }
 

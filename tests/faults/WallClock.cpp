@@ -1,5 +1,6 @@
 #include "tests/faults/WallClock.h"
 
+#include <atomic>
 #include <ctime>
 #include <dlfcn.h>
 #include <sys/time.h>
@@ -8,7 +9,7 @@ namespace {
 
 constexpr time_t kDay = 24 * 60 * 60;
 
-time_t behind = 0;
+std::atomic<time_t> behind{0};  // the helpers' threads look at the clock, too
 
 template <typename TFunction>
 TFunction* Next(const char* name) {

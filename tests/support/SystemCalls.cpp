@@ -12,6 +12,14 @@
 
 namespace support {
 
+namespace {
+
+bool OnMainThread() {
+  return gettid() == getpid();
+}
+
+}  // namespace
+
 SystemCalls& SystemCalls::Instance() {
   // Never destroyed: calls are made, by a coverage build's runtime for one, until the process ends.
   static auto* const calls = new SystemCalls;
@@ -36,8 +44,22 @@ std::vector<std::string> SystemCalls::CallsOf(const std::string& name) const {
   return chosen;
 }
 
+void SystemCalls::Record(const std::string& call) {
+  if (!OnMainThread()) {
+    return;
+  }
+  calls_.push_back(call);
+  if (onCall) {
+    onCall(call);
+  }
+}
+
+bool SystemCalls::MayFail(const char* name) const {
+  return OnMainThread() && failures_.count(name) > 0;
+}
+
 bool SystemCalls::MustFail(const char* name) {
-  if (failures_.empty()) {
+  if (!OnMainThread() || failures_.empty()) {
     return false;
   }
   const auto entry = failures_.find(name);

@@ -10,7 +10,8 @@ namespace support {
 /**
  * Stands between the code under test and some system calls: records them, and makes them fail when
  * the test says so. Otherwise the real ones run. Calls made by libraries do not come through here.
- * One for the process; the fixture resets it.
+ * One for the process; the fixture resets it. It belongs to the main thread, which the code under
+ * test runs on: other threads are the test's own helpers, and their calls pass unseen.
  *
  * Covered: kill, waitpid, waitid, sleep, fork, pipe2, fdopen. Covered without being recorded:
  * malloc, pipe, open, fopen, read, "read file" (a read from something that has a position), write,
@@ -42,15 +43,10 @@ class SystemCalls {
   std::function<void(const std::string&)> onCommand;
 
   // Called by the covered functions.
-  void Record(const std::string& call) {
-    calls_.push_back(call);
-    if (onCall) {
-      onCall(call);
-    }
-  }
+  void Record(const std::string& call);
   bool MustFail(const char* name);
   /** Whether calls of a name are to fail now or later. */
-  bool MayFail(const char* name) const { return failures_.count(name) > 0; }
+  bool MayFail(const char* name) const;
 
  private:
   struct Failure {

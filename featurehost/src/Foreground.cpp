@@ -61,13 +61,6 @@ sigset_t FrontSignals() {
   std::exit(work());  // NOLINT(concurrency-mt-unsafe): there is one thread
 }
 
-/** Take what is pending of them. */
-void Forget(const sigset_t& signals) {
-  const timespec noTime{};
-  while (sigtimedwait(&signals, nullptr, &noTime) > 0) {
-  }
-}
-
 /** How the work ended, or did not. */
 struct End {
   bool isForced = false;  // the user wanted to stop for the third time
@@ -148,11 +141,9 @@ int DoBehindForeground(const std::function<int()>& work, const FrontDuties& duti
     throw HostError(ExitCode::kModuleNotLoaded,
                     "cannot start a process for the update: " + ErrorText(errno));
   }
-  // Still deaf to further requests, which must not cut off the cleaning up.
-  const int code = CodeOf(WaitAndRelay(child, signals, duties), child, duties);
-  Forget(signals);
-  pthread_sigmask(SIG_SETMASK, &before, nullptr);
-  return code;
+  // Deaf to further requests from then on: they must not cut off the cleaning up, nor put the end
+  // by a signal in the place of the code.
+  return CodeOf(WaitAndRelay(child, signals, duties), child, duties);
 }
 
 }  // namespace featurehost

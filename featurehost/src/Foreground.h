@@ -31,6 +31,9 @@ struct FrontDuties {
  * of the kernel, for a device that does not answer, may not end then either; after ten seconds it
  * is left behind. When the front is gone, the child gets the stop signal as well.
  *
+ * How the work ended is settled when this returns, and the process is expected to end: the requests
+ * stay blocked.
+ *
  * SIGCHLD must not be ignored.
  *
  * @param work  runs in the child; its result is the child's exit code, and this function's.

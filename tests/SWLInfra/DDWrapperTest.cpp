@@ -1513,7 +1513,7 @@ TEST_P(DDWrapperSlowTest, NoStepOfALongCopyBlocks) {
   const auto signals = [] { return SystemCalls::Instance().CallsOf("kill").size(); };
   auto nextTick = steady_clock::now();
   std::size_t answers = 0;
-  while ((elapsed() < milliseconds(20000) || answers < 1000) && elapsed() < milliseconds(120000)) {
+  while ((elapsed() < milliseconds(20000) || answers <= 1000) && elapsed() < milliseconds(120000)) {
     if (steady_clock::now() >= nextTick) {
       timed(&CCopy::Tick);
       nextTick += milliseconds(8);

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """The featurehost executable, started as a user would, with the real module and with modules that
 misbehave. Needs FEATUREHOST (the executable, the real module beside it), TEST_MODULES (the
-folder of the modules) and SYNC_SPY. Exit status 77: everything was skipped."""
+folder of the modules), SYNC_SPY and LATE_INTERRUPT. Exit status 77: everything was skipped."""
 
 import contextlib
 import ctypes
@@ -664,6 +664,12 @@ class Abort(HostTestCase):
         result = self.finish(process)
         self.assertEqual(SUCCESS, result.code, result)
         self.assertEqual(204, result.events()[-1]["code"])
+
+    def test_signal_at_the_very_end_changes_nothing(self):
+        self.environment["LD_PRELOAD"] = os.environ["LATE_INTERRUPT"]
+        self.environment["ASAN_OPTIONS"] = "verify_asan_link_order=0"
+        result = self.run_host("install", self.factory_data())
+        self.assertEqual(SUCCESS, result.code, result)
 
     def test_host_that_loses_its_front_aborts(self):
         process = self.start_silent("install")

@@ -653,13 +653,13 @@ class Abort(HostTestCase):
         self.assertNotIn(203, [event["code"] for event in result.events()])
 
     def test_signal_after_the_result_changes_nothing(self):
-        # The child that does not listen makes the clean-up take its time.
+        # The clean-up comes after the result, and a child that does not listen makes it take its time.
+        told = self.folder / "told"
         process = self.start("install", self.configuration(
-            {"command": "trap '' TERM; while :; do sleep 1; done", "end": "success"}),
-            "--module", module("Leaver"), "--json")
-        while json.loads(process.stdout.readline())["code"] != 205:
-            pass
-        time.sleep(0.5)
+            {"command": f"trap 'touch {told}' TERM; while :; do sleep 0.1; done",
+             "end": "success"}), "--module", module("Leaver"), "--json")
+        # Told before it has its trap, the child is gone, and the run with it.
+        self.wait_for(lambda: told.exists() or process.poll() is not None, "the clean-up")
         process.send_signal(signal.SIGINT)
         result = self.finish(process)
         self.assertEqual(SUCCESS, result.code, result)

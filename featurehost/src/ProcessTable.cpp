@@ -4,10 +4,12 @@
 #include <cctype>
 #include <csignal>
 #include <dirent.h>
+#include <filesystem>
+#include <iterator>
 #include <memory>
 #include <sstream>
 #include <sys/wait.h>
-#include <unistd.h>
+#include <system_error>
 
 #include "featurehost/src/Paths.h"
 #include "featurehost/src/Text.h"
@@ -45,6 +47,34 @@ ProcessStatus StatusOf(pid_t process) {
   return status;
 }
 
+/** -1 when /proc does not show it. */
+pid_t ThisProcess() {
+  std::error_code none;
+  const auto self = std::filesystem::read_symlink("/proc/self", none);
+  return none ? -1 : std::stoi(self.string());
+}
+
+/** The numbers of a process, from the process namespace that /proc shows to its own. */
+std::vector<pid_t> NumbersOf(pid_t process) {
+  std::istringstream status(ReadText("/proc/" + std::to_string(process) + "/status"));
+  const std::string field = "NSpid:";
+  std::vector<pid_t> numbers;
+  for (std::string line; std::getline(status, line);) {
+    if (line.rfind(field, 0) == 0) {
+      std::istringstream values(line.substr(field.length()));
+      numbers.assign(std::istream_iterator<pid_t>(values), {});
+    }
+  }
+  return numbers;
+}
+
+/** The number that a process has for this one, and so for kill and waitpid. */
+pid_t NumberHere(pid_t process) {
+  const auto own = NumbersOf(ThisProcess());
+  const auto numbers = NumbersOf(process);
+  return own.empty() || numbers.size() < own.size() ? process : numbers[own.size() - 1];
+}
+
 std::set<pid_t> AllProcesses() {
   std::set<pid_t> processes;
   const std::unique_ptr<DIR, FolderCloser> folder(opendir("/proc"));
@@ -61,10 +91,12 @@ std::set<pid_t> AllProcesses() {
   return processes;
 }
 
+/** By the number that the child has here. */
 bool Reap(pid_t child) {
   return waitpid(child, nullptr, WNOHANG) != 0;
 }
 
+/** By the number that the process has here. */
 std::string End(pid_t process, const std::function<bool()>& isGone) {
   kill(process, SIGTERM);
   if (WaitUntil(isGone)) {
@@ -87,8 +119,9 @@ bool IsAlive(const ProcessName& process) {
 
 std::set<pid_t> Children() {
   std::set<pid_t> children;
+  const pid_t parent = ThisProcess();
   for (const pid_t process : AllProcesses()) {
-    if (StatusOf(process).parent == getpid()) {
+    if (StatusOf(process).parent == parent) {
       children.insert(process);
     }
   }
@@ -119,7 +152,7 @@ std::set<ProcessName> ProcessesWith(const std::string& entry) {
     const ProcessName name = NameOf(process);
     const std::string environment =
         '\0' + ReadText("/proc/" + std::to_string(process) + "/environ") + '\0';
-    if (process != getpid() && environment.find('\0' + entry + '\0') != std::string::npos &&
+    if (process != ThisProcess() && environment.find('\0' + entry + '\0') != std::string::npos &&
         IsAlive(name)) {
       found.insert(name);
     }
@@ -141,12 +174,13 @@ std::string DescribeProcess(pid_t process) {
 }
 
 std::string EndChild(pid_t child) {
-  return Reap(child) ? "had ended; reaped" : End(child, [child] { return Reap(child); });
+  const pid_t number = NumberHere(child);
+  return Reap(number) ? "had ended; reaped" : End(number, [number] { return Reap(number); });
 }
 
 std::string EndStranger(const ProcessName& process) {
   const auto isGone = [&process] { return !IsAlive(process); };
-  return isGone() ? "had ended" : End(process.id, isGone);
+  return isGone() ? "had ended" : End(NumberHere(process.id), isGone);
 }
 
 }  // namespace featurehost

@@ -7,6 +7,11 @@
 
 namespace featurehost {
 
+/*
+ * Numbers of processes are those that /proc shows. A container may see the /proc of its maker,
+ * where its processes have other numbers than they know of.
+ */
+
 /** A process beyond doubt: its number is given to another one some time after its end. */
 struct ProcessName {
   pid_t id = 0;

@@ -958,6 +958,15 @@ class Killed(HostTestCase):
         self.assertEqual((SUCCESS, ["nothing to clean up"], ""),
                          (result.code, result.lines, result.errors))
 
+    def test_without_a_proc_of_its_own_it_finds_its_own_children_only(self):
+        # Its process has the number 2, and what /proc shows as 2 is the parent of kernel threads.
+        update = self.configuration({"command": f"exec sleep {self.marker}", "end": "success"})
+        result = self.run_in_other_processes("install", update, "--module", module("Leaver"))
+        self.assertEqual(SUCCESS, result.code, result)
+        left = [line for line in result.errors.splitlines() if "left behind" in line]
+        self.assertEqual(1, len(left), result)
+        self.assertRegex(left[0], rf"process \d+ \(sleep {self.marker}\): ended$")
+
     def test_run_leaves_no_note(self):
         for end, code in (("success", SUCCESS), ("failure", INSTALL_FAILED),
                           ("crash", INSTALL_FAILED)):

@@ -498,9 +498,9 @@ TEST_F(DDWrapperTest, ChildrenStartWithDefaultSignalsWhateverTheHostHasSet) {
 }
 
 TEST_F(DDWrapperTest, ChildrenInheritNoDescriptorOfTheWrapper) {
-  // As many as any other child of this process has.
-  support::Shell("ls /proc/self/fd > '" + (dir_ / "fds-any") + "'");
-  const std::string report = "ls /proc/self/fd > '" + (dir_ / "fds-");
+  // As many as any other child of this process has; each with an input, whatever this process has.
+  const std::string report = "ls /proc/self/fd < /dev/null > '" + (dir_ / "fds-");
+  support::Shell(report + "any'");
   AddHeldTool("dd", report + "dd'");
   AddHeldTool("zcat", report + "zcat'");
   ASSERT_EQ(EDDCompleted, copy_.Start(source_, target_));

@@ -1,8 +1,11 @@
+#include <cerrno>
 #include <csignal>
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <sys/ioctl.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
+#include <unistd.h>
 
 #include "MainCPULoader/src/DecompressorPace.h"
 #include "tests/MainCPULoader/ImageCheck.h"
@@ -20,18 +23,31 @@ using support::SystemCalls;
 using Sizes = std::vector<std::size_t>;
 
 volatile std::sig_atomic_t stops = 0;
+const char* madeAtStop = nullptr;
+
+/** For handlers of signals. */
+void MakeFile(const char* path) {
+  const int saved = errno;
+  if (path != nullptr) {
+    close(creat(path, 0600));
+  }
+  errno = saved;
+}
 
 void CountStop(int /*number*/, siginfo_t* info, void* /*context*/) {
   if (info->si_code == CLD_STOPPED) {
     ++stops;
+    MakeFile(madeAtStop);
   }
 }
 
 /** Sees when children are stopped. Several stops at once may count as one. */
 class StopCounter {
  public:
-  StopCounter() {
+  /** @param file  is made at a stop, for a script that waits for it; null for none. */
+  explicit StopCounter(const char* file = nullptr) {
     stops = 0;
+    madeAtStop = file;
     struct sigaction action {};
     action.sa_sigaction = CountStop;
     action.sa_flags = SA_SIGINFO | SA_RESTART;
@@ -48,17 +64,24 @@ class StopCounter {
   struct sigaction before_ {};
 };
 
+constexpr int KEnoughAlarms = 10;
 volatile std::sig_atomic_t alarms = 0;
+const char* madeAfterAlarms = nullptr;
 
 void CountAlarm(int /*number*/) {
   ++alarms;
+  if (alarms == KEnoughAlarms) {
+    MakeFile(madeAfterAlarms);
+  }
 }
 
 /** Interrupts whatever waits, a hundred times a second. */
 class Interruptions {
  public:
-  Interruptions() {
+  /** @param file  is made after the tenth, for a script that waits for it. */
+  explicit Interruptions(const char* file) {
     alarms = 0;
+    madeAfterAlarms = file;
     struct sigaction action {};
     action.sa_handler = CountAlarm;
     sigaction(SIGALRM, &action, &before_);
@@ -343,6 +366,11 @@ class OtherDecompressorTest : public DecompressorPaceTest {
     }
     DecompressorPaceTest::SetUp();
   }
+
+  /** A decompressor that begins when there is such a file. */
+  static std::string CatAfter(const std::string& file) {
+    return "while [ ! -e '" + file + "' ]; do sleep 0.01; done; exec cat \"$1\"";
+  }
 };
 
 TEST_F(OtherDecompressorTest, BusyBoxImagesPassOfEverySize) {
@@ -374,13 +402,19 @@ TEST_F(OtherDecompressorTest, WritersOfAnyBlockSizePass) {
 }
 
 TEST_F(OtherDecompressorTest, ADecompressorThatIsTheSlowerSideIsNeverStopped) {
-  // 32 KiB at a time, as gzip writes them, and slowly where the end is near.
+  // 32 KiB at a time, as gzip writes them, and none before the reader has taken the one before,
+  // however long it is kept from that.
   const support::CoveredTool zcat("/bin/zcat", R"(exec perl -e '
+      alarm(60);  # for a check that reads no more
       open(my $image, "<:raw", $ARGV[0]) or die;
       while (sysread($image, my $block, 32768)) {
-        select(undef, undef, undef, 0.003);
         syswrite(STDOUT, $block) == length($block) or die;
-      }' "$1")");
+        my $unread = pack("i", 1);
+        while (unpack("i", $unread)) {
+          select(undef, undef, undef, 0.001);
+          ioctl(STDOUT, $ARGV[1], $unread) or die;
+        }
+      }' "$1" )" + std::to_string(FIONREAD));
   for (const std::size_t size : Sizes{100000, 300000, 700000}) {
     SCOPED_TRACE(size);
     const std::string content = RandomBytes(size);
@@ -394,28 +428,31 @@ TEST_F(OtherDecompressorTest, ADecompressorThatIsTheSlowerSideIsNeverStopped) {
 }
 
 TEST_F(OtherDecompressorTest, WhereSignalsInterruptTheWaitForAPieceTheDecompressorIsNotStopped) {
-  // The last but one piece, which is waited for, comes late.
-  const support::CoveredTool zcat("/bin/zcat", "sleep 0.3; exec cat \"$1\"");
+  // The last but one piece, which is waited for, comes after the signals.
+  const std::string interrupted = directory_ / "interrupted";
+  const support::CoveredTool zcat("/bin/zcat", CatAfter(interrupted));
   const std::string content = RandomBytes(5000);
   support::WriteFile(Image(), content);
   support::WriteFile(Target(), content);
   const StopCounter counter;
-  const Interruptions interruptions;
+  const Interruptions interruptions(interrupted.c_str());
   ImageCheck check(Image(), Target(), content.length());
 
   EXPECT_EQ("Completed 1", check.Run());
 
-  EXPECT_LE(3, interruptions.Count());
+  EXPECT_LE(KEnoughAlarms, interruptions.Count());
   EXPECT_EQ(0, counter.Stops());
 }
 
 TEST_F(OtherDecompressorTest, WhereAPieceCannotBeWaitedForTheDecompressorIsPausedInstead) {
-  const support::CoveredTool zcat("/bin/zcat", "sleep 0.1; exec cat \"$1\"");
+  // Nothing comes before the pause.
+  const std::string stopped = directory_ / "stopped";
+  const support::CoveredTool zcat("/bin/zcat", CatAfter(stopped));
   const std::string content = RandomBytes(5000);
   support::WriteFile(Image(), content);
   support::WriteFile(Target(), content);
   support::InExpendableProcess([&] {
-    const StopCounter counter;
+    const StopCounter counter(stopped.c_str());
 #ifdef SYS_poll
     support::RefuseSystemCall(SYS_poll, ENOMEM);
 #else

@@ -263,12 +263,13 @@ TEST_F(InputProcessWithScriptTest, CallsTheToolByTheNameThatChoosesABusyBoxApple
 
 TEST_F(InputProcessWithScriptTest, DeliversTheEndOfTheStreamWhileTheChildStillRuns) {
   CInputProcess process;
-  Run(process, "printf abc; exec >&-; sleep 0.3");
+  Run(process, "printf abc; exec >&-; exec sleep 1000");
 
   EXPECT_EQ("abc", Read(process));
   EXPECT_EQ("", Read(process));
   EXPECT_EQ("", Read(process));
   EXPECT_THAT(RecordedLog::Instance().Lines(), IsEmpty());
+  kill(OnlyChild(), SIGKILL);
 }
 
 TEST_F(InputProcessWithScriptTest, TriesAgainWhenASignalInterrupts) {

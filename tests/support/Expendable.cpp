@@ -37,12 +37,16 @@ void InExpendableProcess(const std::function<void()>& body, unsigned seconds) {
   }
   ASSERT_GT(copy, 0) << "cannot fork";
 
+  // What it leaves is ended before it is collected: until then nobody else can have its number.
+  siginfo_t end{};
+  while (waitid(P_PID, static_cast<id_t>(copy), &end, WEXITED | WNOWAIT) == -1 && errno == EINTR) {
+  }
+  kill(-copy, SIGKILL);
   int status = 0;
   pid_t ended = -1;
   do {
     ended = waitpid(copy, &status, 0);
   } while (ended == -1 && errno == EINTR);
-  kill(-copy, SIGKILL);
   ASSERT_EQ(copy, ended);
   EXPECT_TRUE(WIFEXITED(status)) << "the expendable process died of signal " << WTERMSIG(status);
   if (WEXITSTATUS(status) == KNotPossibleHere) {

@@ -4,7 +4,10 @@
 
 namespace featurehost {
 
-/** Poll a condition until it holds, for two seconds at most. @return whether it came to hold. */
+/**
+ * Poll a condition until it holds, for two seconds at most; it is looked at once more when they are
+ * over. @return whether it came to hold.
+ */
 bool WaitUntil(const std::function<bool()>& condition);
 
 }  // namespace featurehost

@@ -133,7 +133,7 @@ bool ImageCell::IsDoneByTools() const {
 void ImageCell::Posted(const std::string& event) {
   if (BeginsWith(event, "205") && asked_) {
     Reach(TheMoment());
-    gate_->Allow(Gate::kEverything);
+    GoOn();
   }
 }
 
@@ -149,6 +149,14 @@ void ImageCell::Subscribed(TUint32 type) {
     Reach(Moment::kStart);
   }
   if (TheMoment() == Moment::kStart) {
+    GoOn();
+  }
+}
+
+/** Not after an abort: it is for a copy that goes on for as long as the host takes to deliver it.
+ */
+void ImageCell::GoOn() {
+  if (TheAct() != Act::kAbort) {
     gate_->Allow(Gate::kEverything);
   }
 }
@@ -167,10 +175,11 @@ void ImageCell::Turn() {
   Host().Tick();
 }
 
+/** In the kernel, that is: a request that comes right before its write would wait with it. */
 bool ImageCell::DDStandsStill() const {
   int waiting = 0;
   return isTerminal_ || (ioctl(gate_->Descriptor(), FIONREAD, &waiting) == 0 &&
-                         waiting == static_cast<int>(kBlock));
+                         waiting == static_cast<int>(kBlock) && Sleeps(writer_));
 }
 
 bool ImageCell::TargetIsRight() const {

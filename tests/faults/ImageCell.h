@@ -32,6 +32,7 @@ class ImageCell : public Cell {
   std::size_t BytesUntilTheMoment() const;
   std::size_t Allowed() const;
   bool DDStandsStill() const;
+  void GoOn();
 
   bool isTerminal_ = false;
   std::unique_ptr<Gate> gate_;

@@ -22,8 +22,9 @@ bool HostWaits(bool inRead) {
   const std::string self = std::to_string(getpid());
   std::ifstream file("/proc/" + self + "/task/" + self + "/syscall");
   long number = -1;
-  file >> number;
-  return inRead ? number == SYS_read : number == SYS_wait4 || number == SYS_waitid;
+  // Of a thread that runs, or would if it got a processor, there is a word instead.
+  return file >> number &&
+         (inRead ? number == SYS_read : number == SYS_wait4 || number == SYS_waitid);
 }
 
 /** A stopped process of our group; -1 when there is none. */

@@ -7,8 +7,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "featurehost/src/ProcessTable.h"
 #include "featurehost/src/UnitState.h"
 #include "tests/featurehost/HostTest.h"
+#include "tests/support/Eventually.h"
 #include "tests/support/PrivateMounts.h"
 
 namespace featurehost {
@@ -94,11 +96,10 @@ TEST_F(UnitStateTest, NothingNewIsNothingLeft) {
 
 TEST_F(UnitStateTest, ChildIsEndedAndReaped) {
   const UnitState unit = TakeStock();
-  const pid_t child = Spawn(": >'" + folder_ / "up" + "'; exec sleep 60");
-  ASSERT_TRUE(Appears(folder_ / "up"));
-  while (support::ReadFile("/proc/" + std::to_string(child) + "/comm") != "sleep\n") {
-    usleep(1000);
-  }
+  const pid_t child = Spawn("exec sleep 60");
+  // The kernel tells a program's name before it tells its command line.
+  ASSERT_TRUE(support::Eventually(
+      [&] { return DescribeProcess(child) == std::to_string(child) + " (sleep 60)"; }));
 
   const auto found = unit.CleanUp();
   ASSERT_THAT(found, SizeIs(1));

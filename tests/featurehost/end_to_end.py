@@ -81,6 +81,12 @@ class HostTestCase(unittest.TestCase):
         tool.chmod(0o755)
         self.environment["PATH"] = f"{tools}:{os.environ['PATH']}"
 
+    @staticmethod
+    def until(path):
+        """Shell text that waits for a file, for as long as a test waits at most."""
+        return (f"tries=0; until [ -e {path} ] || [ $((tries += 1)) -gt {TIME_LIMIT * 20} ]; do "
+                "sleep 0.05; done")
+
     def command(self, *arguments):
         words = [HOST, *map(str, arguments)]
         return words + ["--no-lint"] if "install" in words and not self.lint else words
@@ -113,6 +119,13 @@ class HostTestCase(unittest.TestCase):
         while not condition():
             self.assertLess(time.monotonic(), end, f"waited in vain for {what}")
             time.sleep(0.01)
+
+    def read_until(self, stream, text):
+        """Take lines from a stream, up to one that holds the text."""
+        line = ""
+        while text not in line:
+            line = stream.readline().decode()
+            self.assertNotEqual("", line, f"waited in vain for: {text}")
 
     def assert_refused(self, result, code, *pieces):
         """One clear line on standard error, the exit code, and nothing started."""
@@ -334,10 +347,12 @@ class Json(HostTestCase):
 
     def test_reader_that_goes_away_does_not_end_the_update(self):
         path = self.factory_data()
-        self.script("dd", f"sleep 1; {shutil.which('dd')} \"$@\"")
+        gone = self.folder / "gone"
+        self.script("dd", f"{self.until(gone)}; {shutil.which('dd')} \"$@\"")
         process = self.start("install", path, "--json")
         process.stdout.readline()
         process.stdout.close()
+        gone.touch()
         errors = process.stderr.read().decode()
         self.assertEqual(SUCCESS, process.wait(TIME_LIMIT), errors)
         self.assertEqual(100, self.target.stat().st_size)
@@ -541,31 +556,34 @@ class Abort(HostTestCase):
 
     def test_interrupt_while_a_tool_holds_the_host_is_served_after_it(self):
         path = self.factory_data()
-        self.script("dd", f"touch {self.folder}/running; sleep 1; {shutil.which('dd')} \"$@\"")
+        go = self.folder / "go"
+        self.script("dd", f"touch {self.folder}/running; {self.until(go)}; "
+                    f"{shutil.which('dd')} \"$@\"")
         process = self.start("install", path, "--json")
         self.wait_for((self.folder / "running").exists, "dd")
         process.send_signal(signal.SIGINT)
+        self.read_until(process.stderr, "featurehost: stopping as soon as the module can")
+        go.touch()
         result = self.finish(process)
         # The whole install ran inside one call, so its result was there before the abort.
         self.assertEqual(SUCCESS, result.code, result)
         self.assertEqual(100, self.target.stat().st_size, "dd ran to its end")
         self.assertEqual(204, result.events()[-1]["code"])
-        self.assertIn("featurehost: stopping as soon as the module can", result.errors)
 
     def test_third_signal_ends_a_run_that_a_tool_holds(self):
         self.script("dd", f"touch {self.folder}/running; exec sleep 600")
         process = self.start("install", self.factory_data())
         self.wait_for((self.folder / "running").exists, "dd")
         for answer in ("stopping as soon as the module can", "not waiting for the module"):
+            last = time.monotonic()
             process.send_signal(signal.SIGINT)
-            line = ""
-            while answer not in line:
-                line = process.stderr.readline().decode()
-                self.assertNotEqual("", line, answer)
+            self.read_until(process.stderr, answer)
         # Too soon after the one before it, and not counted; what comes while it cleans up neither.
         process.send_signal(signal.SIGINT)
-        with self.assertRaises(subprocess.TimeoutExpired):
+        with contextlib.suppress(subprocess.TimeoutExpired):
             process.wait(1.2)
+            # On a busy machine it may have come late enough to be counted.
+            self.assertGreater(time.monotonic() - last, 1, "the third signal came too soon")
         for _ in range(3):
             process.send_signal(signal.SIGINT)
             time.sleep(0.05)
@@ -602,7 +620,7 @@ class Abort(HostTestCase):
             "known to be installed; once it has ended, run featurehost cleanup", lines[-1])
         left = [line for line in lines if line.startswith("featurehost: left behind: ")]
         self.assertRegex(left[0], rf"process {worker} \(.*\): does not end, not even when killed$")
-        self.assertRegex("\n".join(left[1:]), rf"process \d+ \(sleep {marker}\): ended")
+        self.assertRegex("\n".join(left[1:]), rf"process \d+ \(sleep {marker}\): (ended|killed)")
         self.assertEqual([], processes_with(f"sleep\0{marker}"))
 
         # It may still write: the next install waits for it.
@@ -648,6 +666,8 @@ class Abort(HostTestCase):
                              "--module", module("Slow"), "--json")
         self.wait_for(created.exists, "the creation")
         process.send_signal(signal.SIGINT)
+        self.read_until(process.stderr, "stopping as soon as the module can")
+        created.unlink()
         result = self.finish(process)
         self.assertEqual(ABORTED, result.code, result)
         self.assertNotIn(203, [event["code"] for event in result.events()])
@@ -676,7 +696,7 @@ class Abort(HostTestCase):
         worker = int(children(process.pid)[0])
         process.kill()
         process.communicate(timeout=TIME_LIMIT)
-        self.wait_for(lambda: not os.path.exists(f"/proc/{worker}"), "the end of the run")
+        self.wait_for(lambda: state(worker) in ("Z", ""), "the end of the run")
 
     def test_ignored_interrupt_stays_ignored(self):
         def ignore():
@@ -840,7 +860,8 @@ class Killed(HostTestCase):
 
         result = self.run_host("cleanup")
         self.assertEqual(SUCCESS, result.code, result)
-        self.assertIn(f"process {left} (sleep {self.marker}): ended", result.lines)
+        self.assertRegex(result.output,
+                         rf"(?m)^process {left} \(sleep {self.marker}\): (ended|killed)$")
         self.assertEqual([], self.left())
         self.assertEqual([], self.notes())
 
@@ -1044,9 +1065,9 @@ class LeftMounts(HostTestCase):
 class Terminal(HostTestCase):
     """The host on a pseudo-terminal, as its controlling terminal."""
 
-    def run_on_terminal(self, *arguments, when=None, keys=b""):
+    def run_on_terminal(self, *arguments, when=None, keys=b"", look=lambda screen: None):
         """Run and type the keys once the condition on the screen holds, whose text is the result's
-        output."""
+        output. The screen is shown to look again and again."""
         process, terminal = pty.fork()
         if process == 0:
             default_signals()
@@ -1060,6 +1081,7 @@ class Terminal(HostTestCase):
                 if not typed and when(screen):
                     os.write(terminal, keys)
                     typed = True
+                look(screen)
                 if not select.select([terminal], [], [], 0.02)[0]:
                     continue
                 try:
@@ -1119,9 +1141,12 @@ class Terminal(HostTestCase):
     def test_interrupt_from_the_keyboard_does_not_hit_the_tools(self):
         # A tool that Ctrl-C kills counts as done: the update would be reported as installed.
         path = self.factory_data()
-        self.script("dd", f"touch {self.folder}/running; sleep 1; {shutil.which('dd')} \"$@\"")
-        result = self.run_on_terminal("install", path, keys=b"\x03",
-                                      when=lambda screen: (self.folder / "running").exists())
+        go = self.folder / "go"
+        self.script("dd", f"touch {self.folder}/running; {self.until(go)}; "
+                    f"{shutil.which('dd')} \"$@\"")
+        result = self.run_on_terminal(
+            "install", path, keys=b"\x03", when=lambda screen: (self.folder / "running").exists(),
+            look=lambda screen: b"stopping as soon as" in screen and go.touch())
         self.assertEqual(SUCCESS, result.code, result)
         self.assertEqual(100, self.target.stat().st_size, "dd ran to its end")
         self.assertIn("the abort came too late", result.output)

@@ -8,30 +8,42 @@ import os
 import signal
 import subprocess
 import sys
-import time
 import unittest
 
 from whole_update import ABORTED, SUCCESS, TIME_LIMIT, WholeUpdateTestCase
 
-SLOW_ZCAT = """
-import gzip, shutil, sys, time
+# Of an archive some of the content, and then little by little. Of the image, whose first use is the
+# copy and whose second is the check, it says when it is half through, and in one of them waits.
+PAUSING_ZCAT = """
+import gzip, pathlib, shutil, sys, time
+folder = pathlib.Path({folder!r})
 with gzip.open(sys.argv[1]) as source:
     if sys.argv[1].endswith(".img.gz"):
+        use = "check" if (folder / "copy").exists() else "copy"
         sys.stdout.buffer.write(source.read(7000000))
         sys.stdout.flush()
-        time.sleep(4)
+        (folder / use).touch()
+        for _ in range(1000):
+            if use == {pause!r} and not (folder / "go").exists():
+                time.sleep(0.05)
+    elif {pause!r} == "archive":
+        sys.stdout.buffer.write(source.read(3000000))
+        for piece in iter(lambda: source.read(1000), b""):
+            sys.stdout.buffer.write(piece)
+            sys.stdout.flush()
+            time.sleep(0.05)
     shutil.copyfileobj(source, sys.stdout.buffer)
 """
 
 
 class AbortOfAWholeUpdate(WholeUpdateTestCase):
-    def slow_image(self):
-        """Both decompressions of the image, for the copy and for the check, pause in the middle."""
-        self.cover_zcat(SLOW_ZCAT)
+    def pause(self, use):
+        """Let a decompression pause: "archive", or the "copy" or "check" of the image."""
+        self.cover_zcat(PAUSING_ZCAT.format(folder=str(self.tools), pause=use))
 
-    def abort_when(self, condition, after=0):
-        """Install, abort at the first event that the condition takes (so many seconds after it, where
-        the next item begins without an event), and hear all to the end."""
+    def abort_at(self, percent, use=None):
+        """Install, abort once so many percent have come (and then, where the next item begins without
+        an event, the image's decompression pauses), and hear all to the end."""
         host = subprocess.Popen(
             [os.environ["FEATUREHOST"], "install", "--json", self.update / "update.toml"],
             env=self.environment, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
@@ -41,24 +53,26 @@ class AbortOfAWholeUpdate(WholeUpdateTestCase):
         self.addCleanup(host.stdout.close)
         events = []
         aborted = False
+        self.errors = ""
         try:
             for line in host.stdout:
                 events.append(json.loads(line))
-                if not aborted and condition(events[-1]):
+                if not aborted and events[-1].get("percent", -1) >= percent:
                     aborted = True
-                    time.sleep(after)
+                    if use:
+                        self.wait_for((self.tools / use).exists, use)
                     host.send_signal(signal.SIGINT)
-            self.errors = host.stderr.read()
+                    while "stopping as soon as the module can" not in self.errors:
+                        self.errors += host.stderr.readline()
+                        self.assertIsNone(host.poll(), self.errors)
+                    (self.tools / "go").touch()
+            self.errors += host.stderr.read()
             self.code = host.wait(TIME_LIMIT)
         finally:
             host.kill()
             host.wait()
         self.assertTrue(aborted, events)
         return events
-
-    @staticmethod
-    def progress_from(percent):
-        return lambda event: event.get("percent", -1) >= percent
 
     def results(self, events):
         """The events without progress, as code or name with what they say."""
@@ -67,7 +81,8 @@ class AbortOfAWholeUpdate(WholeUpdateTestCase):
                 for event in events if event.get("code") != 205]
 
     def test_during_the_archive_what_the_module_leaves_is_told_and_cleaned(self):
-        events = self.abort_when(self.progress_from(1))
+        self.pause("archive")
+        events = self.abort_at(1)
         self.assertEqual(ABORTED, self.code, self.errors)
         self.assertEqual(["200", "201", "202 1", "203", "206", "left_behind", "207 1"],
                          self.results(events))
@@ -78,16 +93,16 @@ class AbortOfAWholeUpdate(WholeUpdateTestCase):
         self.assert_unit_is_tidy()
 
     def test_during_the_image_nothing_is_left(self):
-        self.slow_image()
-        events = self.abort_when(self.progress_from(60), after=1)
+        self.pause("copy")
+        events = self.abort_at(60, "copy")
         self.assertEqual(ABORTED, self.code, self.errors)
         self.assertEqual(["200", "201", "202 1", "203", "206", "207 1"], self.results(events),
                          self.errors)
         self.assert_unit_is_tidy()
 
     def test_during_the_check_nothing_is_left(self):
-        self.slow_image()
-        events = self.abort_when(self.progress_from(86))
+        self.pause("check")
+        events = self.abort_at(86, "check")
         self.assertEqual(ABORTED, self.code, self.errors)
         self.assertEqual(["200", "201", "202 1", "203", "206", "207 1"], self.results(events),
                          self.errors)

@@ -118,9 +118,15 @@ class KilledDuringTheArchive(KilledUpdateTestCase):
         """The process ids of the host's zcat and tar."""
         worker = children(host.pid)[0]
         tools = {}
-        for process in children(worker):
-            command = pathlib.Path(f"/proc/{process}/cmdline").read_bytes().decode()
-            tools["tar" if "tar\0" in command else "zcat"] = int(process)
+
+        def are_there():  # tar has its program some time after zcat's first bytes
+            for process in children(worker):
+                command = pathlib.Path(f"/proc/{process}/cmdline").read_bytes().decode()
+                tools.update({name: int(process) for name in ("zcat", "tar")
+                              if f"{name}\0" in command})
+            return len(tools) == 2
+
+        self.wait_for(are_there, "the tools")
         return tools
 
     def test_of_the_whole_host_is_refused_and_cleaned_up_before_the_next_install(self):

@@ -2,6 +2,7 @@
 """featurehost lint on a unit with cards, mounts and tools. Runs in the sandbox. Needs FEATUREHOST (the
 executable) and MAKE_SAMPLE_UPDATE. Exit status 77: everything was skipped."""
 
+import contextlib
 import json
 import os
 import pathlib
@@ -150,10 +151,11 @@ class LintOfAWholeUpdate(WholeUpdateTestCase):
             os.kill(int(worker), signal.SIGSTOP)
         host.kill()
         host.wait()
-        for process in pathlib.Path("/proc").glob("[0-9]*"):
-            if (process / "cmdline").exists() and os.environ["FEATUREHOST"].encode() in \
-                    (process / "cmdline").read_bytes():
-                os.kill(int(process.name), signal.SIGKILL)
+        for process in os.listdir("/proc"):
+            with contextlib.suppress(OSError):  # some end meanwhile
+                if process.isdigit() and os.environ["FEATUREHOST"].encode() in \
+                        pathlib.Path(f"/proc/{process}/cmdline").read_bytes():
+                    os.kill(int(process), signal.SIGKILL)
         notes = os.listdir(os.environ["FEATUREHOST_RUN_DIR"])
         self.assertEqual(1, len(notes))
         self.wait_for(lambda: "killed-run" in [kind for kind, _ in self.found()], "the finding")

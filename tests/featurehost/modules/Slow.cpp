@@ -3,13 +3,17 @@
 
 #include "tests/featurehost/modules/Feature.h"
 
-/** Takes a second to be created; makes the file of its property "created" when that begins. */
+/**
+ * Makes the file of its property "created" when it begins to be created, which takes until someone
+ * removes the file, two minutes at most.
+ */
 class Slow : public Feature {
  public:
   Slow(const TFeatureId& featureId, IEventBroker& broker, const IFeatureProperties& properties)
       : Feature(featureId, broker, properties) {
-    close(open(Property("created").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
-    for (int step = 0; step < 100; ++step) {
+    const std::string created = Property("created");
+    close(open(created.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+    for (int step = 0; step < 12000 && access(created.c_str(), F_OK) == 0; ++step) {
       usleep(10000);  // a signal ends one step at most
     }
   }

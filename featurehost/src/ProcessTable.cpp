@@ -179,8 +179,10 @@ std::string EndChild(pid_t child) {
 }
 
 std::string EndStranger(const ProcessName& process) {
+  // The number comes first: found alive afterwards, it is that of the very process.
+  const pid_t number = NumberHere(process.id);
   const auto isGone = [&process] { return !IsAlive(process); };
-  return isGone() ? "had ended" : End(NumberHere(process.id), isGone);
+  return isGone() ? "had ended" : End(number, isGone);
 }
 
 }  // namespace featurehost

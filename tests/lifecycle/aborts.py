@@ -63,8 +63,9 @@ class AbortOfAWholeUpdate(WholeUpdateTestCase):
                         self.wait_for((self.tools / use).exists, use)
                     host.send_signal(signal.SIGINT)
                     while "stopping as soon as the module can" not in self.errors:
-                        self.errors += host.stderr.readline()
-                        self.assertIsNone(host.poll(), self.errors)
+                        line = host.stderr.readline()
+                        self.assertNotEqual("", line, self.errors)
+                        self.errors += line
                     (self.tools / "go").touch()
             self.errors += host.stderr.read()
             self.code = host.wait(TIME_LIMIT)
